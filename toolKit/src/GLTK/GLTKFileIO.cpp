@@ -1,0 +1,190 @@
+#include "GLTKFileIO.h"
+
+#include "GLTKConsole.h"
+#include "GLTKwchar.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace GLTK {
+
+bool FileIO_show_process_file_name = false;
+
+std::string FileIO::toNative(const std::wstring& path)
+{
+    return wchar::narrow(path);
+}
+
+FileIO::FileIO(const std::wstring& p, int m) : path(p), mode(m)
+{
+    std::string name = toNative(path);
+    int fd;
+    if (mode == 'a')
+        fd = ::open(name.c_str(), O_RDWR | O_CLOEXEC);
+    else if (mode == 'w')
+        fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    else
+        fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd == -1) {
+        Console::out(L"open(%ls, '%c') failed.\n", path.c_str(), mode);
+        fd = 0;
+    } else if (fd == 0) {
+        // Descriptor 0 means "not open" to every caller: move it elsewhere.
+        int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+        ::close(fd);
+        fd = moved == -1 ? 0 : moved;
+    }
+    descriptor = fd;
+}
+
+FileIO::~FileIO()
+{
+    if (descriptor != 0)
+        ::close(descriptor);
+}
+
+uint64_t FileIO::length() const
+{
+    if (descriptor == 0)
+        return 0;
+    struct stat st;
+    if (fstat(descriptor, &st) != 0)
+        return 0;
+    return static_cast<uint64_t>(st.st_size);
+}
+
+uint64_t FileIO::read(void* buffer, uint64_t count)
+{
+    if (descriptor == 0)
+        return UINT64_MAX;
+    ssize_t r;
+    do {
+        r = ::read(descriptor, buffer, count);
+    } while (r < 0 && errno == EINTR);
+    if (r > 0)
+        position += static_cast<uint64_t>(r);
+    return static_cast<uint64_t>(r);
+}
+
+uint64_t FileIO::write(const void* buffer, uint64_t count)
+{
+    if (descriptor == 0)
+        return UINT64_MAX;
+    // A write to a regular file may be partial (a signal, a full disk); finish
+    // it unless the system refuses outright, so that short counts mean failure.
+    const char* p = static_cast<const char*>(buffer);
+    uint64_t done = 0;
+    while (done < count) {
+        ssize_t r = ::write(descriptor, p + done, count - done);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0) {
+            if (done == 0)
+                return static_cast<uint64_t>(r);
+            break;
+        }
+        done += static_cast<uint64_t>(r);
+    }
+    position += done;
+    return done;
+}
+
+static bool seekTo(int fd, int64_t offset, int whence, uint64_t& position, const wchar_t* name)
+{
+    if (fd == 0)
+        return false;
+    off_t r = lseek(fd, offset, whence);
+    if (r == static_cast<off_t>(-1)) {
+        int e = errno;
+        std::wstring text = wchar::mbs2wcs(strerror(e));
+        Console::out(L"%ls(%lld) failed - %ls(%d)\n", name, static_cast<long long>(offset), text.c_str(), e);
+        return false;
+    }
+    position = static_cast<uint64_t>(r);
+    return true;
+}
+
+bool FileIO::seek_set(int64_t offset)
+{
+    return seekTo(descriptor, offset, SEEK_SET, position, L"seek_set");
+}
+
+bool FileIO::seek_cur(int64_t offset)
+{
+    return seekTo(descriptor, offset, SEEK_CUR, position, L"seek_cur");
+}
+
+uint64_t FileIO::copyTo(FileIO& destination, uint64_t count)
+{
+    if (count == 0)
+        return 0;
+    constexpr uint64_t kBlock = 1 << 20;
+    std::vector<char> buffer(static_cast<size_t>(std::min(count, kBlock)));
+    uint64_t total = 0;
+    uint64_t left = count;
+    while (left > 0) {
+        uint64_t want = std::min(left, kBlock);
+        uint64_t got = read(buffer.data(), want);
+        if (got == 0 || got == UINT64_MAX || got > want)
+            break; // end of file or read error: the caller sees the short total
+        uint64_t put = destination.write(buffer.data(), got);
+        if (put == UINT64_MAX || put != got) {
+            if (put != UINT64_MAX)
+                total += put;
+            break;
+        }
+        total += put;
+        left -= got;
+    }
+    return total;
+}
+
+static bool openWith(const std::wstring& path, int mode, const std::function<void(FileIO&)>& action)
+{
+    if (!action)
+        throw std::bad_function_call();
+    FileIO file(path, mode);
+    if (!file.isOpen())
+        return false;
+    if (FileIO_show_process_file_name)
+        Console::out(L"processing %ls ...\n", path.c_str());
+    action(file);
+    return true;
+}
+
+bool FileIO::open(const std::wstring& path, const std::function<void(FileIO&)>& action)
+{
+    return openWith(path, 'r', action);
+}
+
+bool FileIO::open_w(const std::wstring& path, const std::function<void(FileIO&)>& action)
+{
+    return openWith(path, 'w', action);
+}
+
+bool FileIO::open_a(const std::wstring& path, const std::function<void(FileIO&)>& action)
+{
+    return openWith(path, 'a', action);
+}
+
+bool FileIO::rename(const std::wstring& from, const std::wstring& to)
+{
+    return ::rename(toNative(from).c_str(), toNative(to).c_str()) == 0;
+}
+
+bool FileIO::unlink(const std::wstring& path)
+{
+    return ::unlink(toNative(path).c_str()) == 0;
+}
+
+bool FileIO::exist(const std::wstring& path)
+{
+    return open(path, [](FileIO&) {});
+}
+
+} // namespace GLTK

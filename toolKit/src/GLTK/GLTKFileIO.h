@@ -1,0 +1,53 @@
+#pragma once
+// A file with a tracked position, opened for the span of one action.
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace GLTK {
+
+// When true, every successful open prints "processing <path> ...".
+extern bool FileIO_show_process_file_name;
+
+class FileIO {
+public:
+    // mode 'r': read only; 'w': create or truncate, write only (0644);
+    // 'a': read and write without create, writes land at the position.
+    FileIO(const std::wstring& path, int mode);
+    virtual ~FileIO();
+    FileIO(const FileIO&) = delete;
+    FileIO& operator=(const FileIO&) = delete;
+
+    bool isOpen() const { return descriptor != 0; }
+    uint64_t length() const;
+    // One read/write call; 2^64-1 when not open, the system's -1 on error.
+    uint64_t read(void* buffer, uint64_t count);
+    uint64_t write(const void* buffer, uint64_t count);
+    bool seek_set(int64_t offset);
+    bool seek_cur(int64_t offset);
+    // Copies count bytes from this file's position to the destination's
+    // position; returns the number of bytes written.
+    uint64_t copyTo(FileIO& destination, uint64_t count);
+
+    static bool open(const std::wstring& path, const std::function<void(FileIO&)>& action);
+    static bool open_w(const std::wstring& path, const std::function<void(FileIO&)>& action);
+    static bool open_a(const std::wstring& path, const std::function<void(FileIO&)>& action);
+    static bool rename(const std::wstring& from, const std::wstring& to);
+    static bool unlink(const std::wstring& path);
+    static bool exist(const std::wstring& path);
+
+    // The multibyte form of a path, cut at 2048 bytes.
+    static std::string toNative(const std::wstring& path);
+
+    int descriptor = 0;
+    const std::wstring& path;
+    int mode = 'r';
+    uint64_t position = 0;
+
+protected:
+    // A non-owning view of another file (see MP4::BinFile).
+    FileIO(const FileIO& other, bool /*view*/)
+        : descriptor(other.descriptor), path(other.path), mode(other.mode), position(other.position) {}
+};
+
+} // namespace GLTK
