@@ -84,14 +84,9 @@ private:
 
 // Box types are compared as 32-bit values holding the four code bytes in file
 // order.
-constexpr uint32_t fourcc(const char (&s)[5])
+constexpr uint32_t fourcc(const char* s)
 {
-    // Little-endian host: the first byte is the lowest.
-    return uint32_t(uint8_t(s[0])) | uint32_t(uint8_t(s[1])) << 8 | uint32_t(uint8_t(s[2])) << 16 |
-           uint32_t(uint8_t(s[3])) << 24;
-}
-inline uint32_t fourcc(const char* s)
-{
+    // Little-endian host: the first code byte is the lowest.
     return uint32_t(uint8_t(s[0])) | uint32_t(uint8_t(s[1])) << 8 | uint32_t(uint8_t(s[2])) << 16 |
            uint32_t(uint8_t(s[3])) << 24;
 }

@@ -1,0 +1,358 @@
+#include "MP4Container.h"
+
+#include "GLTKConsole.h"
+
+#include <algorithm>
+#include <cstring>
+#include <sys/stat.h>
+#include <vector>
+
+namespace MP4 {
+
+const wchar_t* const kTemporarySuffix = L".tmp.mp4";
+
+Container::~Container() = default;
+
+// ---------------------------------------------------------------- reading
+
+bool Container::attach(const std::wstring& p, uint64_t limit)
+{
+    std::wstring copy = p; // the path may be our own field
+    bool opened = GLTK::FileIO::open(copy, [&](GLTK::FileIO& f) {
+        path = copy;
+        BinFile view(f);
+        parse(view, limit);
+    });
+    return opened;
+}
+
+void Container::parse(BinFile& file, uint64_t limit)
+{
+    root = std::make_unique<ROOT>();
+    root->depth = -1;
+    root->start = 0;
+    root->type = fourcc("root");
+    root->size = std::min(file.length(), limit);
+    file.seek_set(0);
+    root->parseBox(file, limit);
+    moov = mdat = videoTrack = nullptr;
+    moov = root->first("moov");
+    mdat = root->first("mdat");
+    root->find("moov.trak", [&](BOX& trak) {
+        static_cast<NestedBox&>(trak).find("tkhd", [&](BOX& b) {
+            if (static_cast<TKHD&>(b).width >= 1)
+                videoTrack = &trak;
+            return true;
+        });
+        return true;
+    });
+}
+
+void Container::find(const char* p, const std::function<bool(BOX&)>& visit) const
+{
+    if (root)
+        root->find(p, visit);
+}
+
+BOX* Container::first(const char* p) const
+{
+    return root ? root->first(p) : nullptr;
+}
+
+bool Container::open(const std::function<void(GLTK::FileIO&)>& action) const
+{
+    return GLTK::FileIO::open(path, action);
+}
+
+bool Container::open_a(const std::function<void(GLTK::FileIO&)>& action) const
+{
+    return GLTK::FileIO::open_a(path, action);
+}
+
+bool Container::isMdatFirst() const
+{
+    if (!root)
+        return false;
+    bool moovSeen = false;
+    for (BOX* b : root->children) {
+        if (b->is("moov"))
+            moovSeen = true;
+        if (b->is("mdat"))
+            return !moovSeen;
+    }
+    return false;
+}
+
+void Container::dump() const
+{
+    if (root)
+        root->dump();
+}
+
+// ---------------------------------------------------------------- editing
+
+bool Container::modifyContainer(const wchar_t* name, const Edit& edit)
+{
+    bool ok = false;
+    bool opened = GLTK::FileIO::open_a(path, [&](GLTK::FileIO& f) {
+        BinFile view(f);
+        ok = edit(view);
+    });
+    if (!opened)
+        ok = false;
+    if (!ok)
+        GLTK::Console::out(L"Container::modifyContainer::%ls(%ls) failed.\n", name, path.c_str());
+    std::wstring p = path;
+    attach(p);
+    return ok;
+}
+
+static bool sameFile(const std::wstring& a, const std::wstring& b)
+{
+    struct stat sa, sb;
+    if (stat(GLTK::FileIO::toNative(a).c_str(), &sa) != 0 || stat(GLTK::FileIO::toNative(b).c_str(), &sb) != 0)
+        return false;
+    return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+bool Container::modifyContainer(const wchar_t* name, const CopyStep& copy, const FixUp& fix1, const FixUp& fix2)
+{
+    const std::wstring source = path;
+    const std::wstring target = outputPath ? *outputPath : path + kTemporarySuffix;
+    bool ok = false;
+    // Never create (and so truncate) the file being read.
+    if (!sameFile(source, target)) {
+        GLTK::FileIO::open(source, [&](GLTK::FileIO& in) {
+            GLTK::FileIO::open_w(target, [&](GLTK::FileIO& out) {
+                BinFile src(in), dst(out);
+                uint64_t split = 0;
+                ok = copy(src, dst, split);
+                if (ok) {
+                    Container partial;
+                    ok = partial.attach(target, split) && GLTK::FileIO::open_a(target, [&](GLTK::FileIO& f) {
+                             BinFile view(f);
+                             ok = fix1(partial, view);
+                         }) && ok;
+                    if (ok) {
+                        ok = partial.attach(target) && GLTK::FileIO::open_a(target, [&](GLTK::FileIO& f) {
+                                 BinFile view(f);
+                                 ok = fix2(partial, view);
+                             }) && ok;
+                    }
+                }
+                if (ok && fsync(out.descriptor) != 0)
+                    ok = false;
+            });
+        });
+    }
+    if (ok) {
+        if (outputPath) {
+            path = *outputPath;
+            outputPath.reset();
+        } else if (!GLTK::FileIO::rename(target, source)) {
+            // rename replaces the source atomically; if it cannot, the source
+            // stays as it was and the edit has failed.
+            ok = false;
+        }
+    }
+    if (!ok) {
+        GLTK::Console::out(L"Container::modifyContainer::%ls(%ls to %ls) failed.\n", name, source.c_str(),
+                           target.c_str());
+        if (!sameFile(source, target))
+            GLTK::FileIO::unlink(target);
+    }
+    std::wstring p = path;
+    attach(p);
+    return ok;
+}
+
+bool Container::insertBox(const wchar_t* name, const BOX& anchorIn, bool replace, const Edit& write, const FixUp& fix1,
+                          const FixUp& fix2)
+{
+    const uint64_t aStart = anchorIn.start, aSize = anchorIn.size;
+    CopyStep copy = [&](BinFile& src, BinFile& dst, uint64_t& split) {
+        uint64_t length = src.length();
+        if (aStart > length || aSize > length - aStart)
+            return false; // the anchor runs past the end of the file
+        if (!src.seek_set(0) || src.copyTo(dst, aStart) != aStart)
+            return false;
+        if (!replace) {
+            if (src.copyTo(dst, aSize) != aSize)
+                return false;
+        } else if (!src.seek_cur(static_cast<int64_t>(aSize))) {
+            return false;
+        }
+        split = dst.position;
+        if (!write(dst))
+            return false;
+        uint64_t rest = length - aStart - aSize;
+        return src.copyTo(dst, rest) == rest;
+    };
+    return modifyContainer(name, copy, fix1, fix2);
+}
+
+bool Container::modifyBoxSize(BinFile& file, const BOX& box, int64_t delta)
+{
+    bool ok = true;
+    for (const BOX* b = &box; b != nullptr; b = b->parent)
+        ok = b->writeSize(file, b->size + static_cast<uint64_t>(delta)) && ok;
+    return ok;
+}
+
+// Adds delta to every entry of one chunk-offset table, a block at a time.
+static bool shiftOffsets(BinFile& file, const STCO& table, unsigned entrySize, int64_t delta)
+{
+    uint64_t count = table.entriesInBox(entrySize);
+    uint64_t pos = table.firstEntry;
+    std::vector<uint8_t> buf(64 * 1024);
+    const uint64_t perBlock = buf.size() / entrySize;
+    while (count > 0) {
+        uint64_t n = std::min(count, perBlock);
+        uint64_t bytes = n * entrySize;
+        if (!file.seek_set(static_cast<int64_t>(pos)) || file.read(buf.data(), bytes) != bytes)
+            return false;
+        for (uint64_t i = 0; i < n; ++i) {
+            uint8_t* p = buf.data() + i * entrySize;
+            if (entrySize == 4)
+                put32be(p, static_cast<uint32_t>(be32(p) + static_cast<uint64_t>(delta)));
+            else
+                put64be(p, be64(p) + static_cast<uint64_t>(delta));
+        }
+        if (!file.seek_set(static_cast<int64_t>(pos)) || file.write(buf.data(), bytes) != bytes)
+            return false;
+        pos += bytes;
+        count -= n;
+    }
+    return true;
+}
+
+static bool shiftTables(Container& c, BinFile& file, const std::string& prefix, int64_t delta)
+{
+    bool found = false, ok = true;
+    c.find((prefix + ".stco").c_str(), [&](BOX& b) {
+        found = true;
+        ok = shiftOffsets(file, static_cast<STCO&>(b), 4, delta) && ok;
+        return true;
+    });
+    c.find((prefix + ".co64").c_str(), [&](BOX& b) {
+        found = true;
+        ok = shiftOffsets(file, static_cast<STCO&>(b), 8, delta) && ok;
+        return true;
+    });
+    return found && ok;
+}
+
+bool Container::modifySTCOIndex(BinFile& file, int64_t delta)
+{
+    return shiftTables(*this, file, "moov.trak.mdia.minf.stbl", delta);
+}
+
+bool Container::modifySpatialTrakSTCOIndex(BinFile& file, int64_t delta)
+{
+    return shiftTables(*this, file, "uuid.QATR.mdia.minf.stbl", delta);
+}
+
+bool Container::moovFirst()
+{
+    if (!root)
+        return false;
+    std::vector<const BOX*> order;
+    const BOX* pendingMdat = nullptr;
+    const BOX* theMoov = nullptr;
+    for (const BOX* b : root->children) {
+        if (b->is("mdat")) {
+            pendingMdat = b;
+            continue;
+        }
+        if (b->is("moov")) {
+            if (pendingMdat == nullptr)
+                return false; // moov already precedes the media
+            theMoov = b;
+            order.push_back(b);
+            order.push_back(pendingMdat);
+            pendingMdat = nullptr;
+            continue;
+        }
+        order.push_back(b);
+    }
+    if (theMoov == nullptr)
+        return false;
+    const uint64_t moovSize = theMoov->size;
+    CopyStep copy = [&](BinFile& src, BinFile& dst, uint64_t& split) {
+        for (const BOX* b : order)
+            if (!b->copyTo(src, dst))
+                return false;
+        split = dst.position;
+        return true;
+    };
+    FixUp nothing = [](Container&, BinFile&) { return true; };
+    FixUp shift = [&](Container& c, BinFile& f) {
+        // A movie without chunk-offset tables has nothing to shift.
+        bool any = c.first("moov.trak.mdia.minf.stbl.stco") || c.first("moov.trak.mdia.minf.stbl.co64");
+        return !any || c.modifySTCOIndex(f, static_cast<int64_t>(moovSize));
+    };
+    return modifyContainer(L"moovFirst", copy, nothing, shift);
+}
+
+bool Container::updateTimeStamp(uint64_t t)
+{
+    bool ok = true;
+    auto writeAt = [&](GLTK::FileIO& f, const BOX& b, uint8_t version) {
+        BinFile view(f);
+        uint64_t need = 12 + (version == 1 ? 8 : 4);
+        if (b.size < need)
+            return;
+        bool w = view.seek_set(static_cast<int64_t>(b.start + 12)) &&
+                 (version == 1 ? view.write64(t) : view.write32(static_cast<uint32_t>(t)));
+        ok = w && ok;
+    };
+    bool opened = open_a([&](GLTK::FileIO& f) {
+        if (BOX* m = first("moov.mvhd"))
+            writeAt(f, *m, static_cast<MVHD*>(m)->version);
+        find("moov.trak.tkhd", [&](BOX& b) {
+            writeAt(f, b, static_cast<TKHD&>(b).version);
+            return true;
+        });
+        find("moov.trak.mdia.mdhd", [&](BOX& b) {
+            writeAt(f, b, static_cast<MDHD&>(b).version);
+            return true;
+        });
+    });
+    std::wstring p = path;
+    attach(p);
+    return opened && ok;
+}
+
+bool Container::replaceUdta(uint64_t /*reserved*/, const ByteArray& udta)
+{
+    if (moov == nullptr)
+        return false;
+    const NestedBox& m = static_cast<const NestedBox&>(*moov);
+    const BOX* old = m.first("udta");
+    const uint64_t newLength = udta.length;
+    Edit write = [&](BinFile& dst) { return dst.write(udta.data, udta.length) == udta.length; };
+    if (old != nullptr) {
+        const int64_t delta = static_cast<int64_t>(newLength) - static_cast<int64_t>(old->size);
+        FixUp fix1 = [&](Container& c, BinFile& f) {
+            return c.moov != nullptr && c.moov->writeSize(f, c.moov->size + static_cast<uint64_t>(delta));
+        };
+        FixUp fix2 = [&](Container& c, BinFile& f) {
+            // Media after moov moves with it.
+            bool after = c.mdat && c.moov && c.mdat->start > c.moov->start;
+            return !after || delta == 0 || c.modifySTCOIndex(f, delta);
+        };
+        return insertBox(L"replaceUdta_Replace", *old, true, write, fix1, fix2);
+    }
+    if (m.children.size() < 3)
+        return false;
+    FixUp fix1 = [&](Container& c, BinFile& f) {
+        return c.moov != nullptr && c.moov->writeSize(f, c.moov->size + newLength);
+    };
+    FixUp fix2 = [&](Container& c, BinFile& f) {
+        bool after = c.mdat && c.moov && c.mdat->start > c.moov->start;
+        return !after || c.modifySTCOIndex(f, static_cast<int64_t>(newLength));
+    };
+    return insertBox(L"replaceUdta_Append", *m.children.back(), false, write, fix1, fix2);
+}
+
+} // namespace MP4
