@@ -1,6 +1,9 @@
 #include "Utility.h"
 
 #include "GLTKConsole.h"
+#include "GLTKFileIO.h"
+
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <csignal>
@@ -41,6 +44,14 @@ bool isSupporFullRangePixelFormat()
 {
     static const bool supported = true;
     return supported;
+}
+
+bool isSameFile(const std::wstring& a, const std::wstring& b)
+{
+    struct stat sa, sb;
+    if (stat(GLTK::FileIO::toNative(a).c_str(), &sa) != 0 || stat(GLTK::FileIO::toNative(b).c_str(), &sb) != 0)
+        return false;
+    return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
 void printElapsed(std::chrono::steady_clock::time_point start)

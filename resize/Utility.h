@@ -22,6 +22,10 @@ bool kill(int argc, const std::vector<std::wstring>& argv, int& status);
 // platform (libswscale converts to full-range NV12).
 bool isSupporFullRangePixelFormat();
 
+// True when both paths name one existing file (same device and inode, also
+// through links).
+bool isSameFile(const std::wstring& a, const std::wstring& b);
+
 // "\n%0.4f [sec]\n" with the elapsed time truncated to whole milliseconds.
 void printElapsed(std::chrono::steady_clock::time_point start);
 

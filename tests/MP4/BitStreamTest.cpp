@@ -62,4 +62,19 @@ TEST(BitStream, WritesPadAndAppend)
     EXPECT_EQ(s.data[3], 0x28u);
 }
 
+TEST(BitStream, WideWritesKeepPendingBits)
+{
+    BitStream s;
+    s.write_bits(0x7, 3);
+    s.write_bits(0x8000000000000001ull, 64);
+    s.write_bits(1, 70); // 69 zeros, then a one
+    s.flush_bits();
+    ASSERT_EQ(s.length, 18u);
+    EXPECT_EQ(s.data[0], 0xF0u); // 111 then the top bit of the 64-bit value
+    EXPECT_EQ(s.data[8], 0x20u); // its low bit lands as the third bit
+    for (int i = 9; i < 17; ++i)
+        EXPECT_EQ(s.data[i], 0u) << i;
+    EXPECT_EQ(s.data[17], 0x80u); // 3 + 64 + 70 = 137 bits: the one is bit 136
+}
+
 } // namespace

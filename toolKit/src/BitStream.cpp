@@ -76,7 +76,14 @@ void BitStream::write_bits(uint64_t value, int n)
 {
     if (n < 1)
         return;
-    accumulator = (accumulator << n) | (value & (n >= 64 ? ~0ull : ((1ull << n) - 1)));
+    if (n > 32) {
+        // Wide fields go in two parts so that pending bits never shift out of
+        // the accumulator; bits above the 64 of value are zeros.
+        write_bits(n - 32 >= 64 ? 0 : value >> 32, n - 32);
+        write_bits(value & 0xFFFFFFFFull, 32);
+        return;
+    }
+    accumulator = (accumulator << n) | (value & ((1ull << n) - 1));
     bitCount += n;
     while (bitCount >= 8) {
         bitCount -= 8;

@@ -10,7 +10,7 @@
 
 namespace GLTK {
 
-locale_t C_LOCALE = newlocale(LC_ALL_MASK, nullptr, nullptr);
+locale_t C_LOCALE = newlocale(LC_ALL_MASK, "C", nullptr);
 
 void Console::init_locale()
 {

@@ -1,5 +1,6 @@
 #include "GLTKFileIO.h"
 
+#include "GLTKCancel.h"
 #include "GLTKConsole.h"
 #include "GLTKwchar.h"
 
@@ -127,7 +128,7 @@ uint64_t FileIO::copyTo(FileIO& destination, uint64_t count)
     std::vector<char> buffer(static_cast<size_t>(std::min(count, kBlock)));
     uint64_t total = 0;
     uint64_t left = count;
-    while (left > 0) {
+    while (left > 0 && !cancelRequested()) {
         uint64_t want = std::min(left, kBlock);
         uint64_t got = read(buffer.data(), want);
         if (got == 0 || got == UINT64_MAX || got > want)

@@ -1,0 +1,594 @@
+#include "codec/AVCCRecord.h"
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using namespace testsupport;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+ByteArray toArray(const Bytes& b) { return ByteArray(b.data(), b.size()); }
+Bytes toBytes(const ByteArray& a) { return Bytes(a.data, a.data + a.length); }
+
+// The payload of the first avcC box in a movie: found by its type code,
+// sized by the 32-bit box size in front of it.
+Bytes avccPayloadOf(const fs::path& movie)
+{
+    Bytes file = readFile(movie);
+    for (size_t i = 4; i + 4 <= file.size(); ++i) {
+        if (file[i] == 'a' && file[i + 1] == 'v' && file[i + 2] == 'c' && file[i + 3] == 'C') {
+            uint32_t size = be32(&file[i - 4]);
+            if (size >= 8 && i - 4 + size <= file.size())
+                return Bytes(file.begin() + i + 4, file.begin() + (i - 4 + size));
+        }
+    }
+    return {};
+}
+
+// A record around the given SPS and PPS NAL units, as a muxer writes it.
+Bytes recordOf(const Bytes& sps, const Bytes& pps, const Bytes& trailing = {})
+{
+    Bytes r = {0x01, sps.size() > 1 ? sps[1] : uint8_t(0), sps.size() > 2 ? sps[2] : uint8_t(0),
+               sps.size() > 3 ? sps[3] : uint8_t(0), 0xFF, 0xE1};
+    r.push_back(uint8_t(sps.size() >> 8));
+    r.push_back(uint8_t(sps.size()));
+    r.insert(r.end(), sps.begin(), sps.end());
+    r.push_back(0x01);
+    r.push_back(uint8_t(pps.size() >> 8));
+    r.push_back(uint8_t(pps.size()));
+    r.insert(r.end(), pps.begin(), pps.end());
+    r.insert(r.end(), trailing.begin(), trailing.end());
+    return r;
+}
+
+AVCSyntax::AVCC parsed(const Bytes& record)
+{
+    AVCSyntax::AVCC avcc;
+    try {
+        GolombBitStream s;
+        s.attach(toArray(record));
+        avcc.parse(s);
+        avcc.sps_parse();
+    } catch (const char* e) {
+        ADD_FAILURE() << "record does not parse: " << e;
+    }
+    return avcc;
+}
+
+// The record alone, its SPS left as bytes.
+AVCSyntax::AVCC parsedRecord(const Bytes& record)
+{
+    AVCSyntax::AVCC avcc;
+    try {
+        GolombBitStream s;
+        s.attach(toArray(record));
+        avcc.parse(s);
+    } catch (const char* e) {
+        ADD_FAILURE() << "record does not parse: " << e;
+    }
+    return avcc;
+}
+
+Bytes firstSps(const Bytes& record)
+{
+    AVCSyntax::AVCC avcc = parsed(record);
+    return toBytes(avcc.sequenceParameterSets.entries.front().bytes);
+}
+
+Bytes spsBytesOf(AVCSyntax::SPS& sps)
+{
+    GolombBitStream s;
+    sps.to_s(s);
+    s.flush_bits();
+    return toBytes(s);
+}
+
+struct Assigned {
+    bool ok = false;
+    bool oldFullRange = false;
+    bool oldConstrainedSet1 = false;
+    Bytes record;
+    std::string printed;
+};
+
+Assigned assign(const Bytes& record, bool fullRange)
+{
+    Assigned a;
+    ByteArray out;
+    out.append8(0xAA); // must be cleared
+    testing::internal::CaptureStdout();
+    a.ok = avcc_assign_fullRange_and_constrained_set1_flag(toArray(record), out, fullRange, a.oldFullRange,
+                                                           a.oldConstrainedSet1);
+    a.printed = testing::internal::GetCapturedStdout();
+    a.record = toBytes(out);
+    return a;
+}
+
+// Real records from libx264, made once for all tests of this file.
+class AVCCRecord : public testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        dir = new TempDir();
+        const std::map<std::string, std::string> encodings = {
+            {"baseline", "-profile:v baseline"},
+            {"main", "-profile:v main"},
+            {"high", "-profile:v high"},
+            {"ntsc", "-profile:v high -x264-params videoformat=ntsc"},
+            {"component", "-profile:v high -x264-params videoformat=component"},
+            {"fullrange", "-profile:v high -x264-params fullrange=on"},
+        };
+        for (auto& [name, options] : encodings) {
+            fs::path movie = *dir / (name + ".mp4");
+            std::string log;
+            int rc = run("ffmpeg -v error -y -f lavfi -i testsrc=size=192x96:rate=25 -frames:v 3 -pix_fmt yuv420p "
+                         "-c:v libx264 " +
+                             options + " " + q(movie),
+                         &log);
+            ASSERT_EQ(rc, 0) << log;
+            records[name] = avccPayloadOf(movie);
+            ASSERT_FALSE(records[name].empty()) << name;
+        }
+    }
+    static void TearDownTestSuite()
+    {
+        delete dir;
+        dir = nullptr;
+    }
+
+    static TempDir* dir;
+    static std::map<std::string, Bytes> records;
+};
+
+TempDir* AVCCRecord::dir = nullptr;
+std::map<std::string, Bytes> AVCCRecord::records;
+
+TEST_F(AVCCRecord, WritesBackUnchangedExceptReservedBits)
+{
+    for (auto& [name, record] : records) {
+        AVCSyntax::AVCC avcc = parsedRecord(record);
+        GolombBitStream out;
+        avcc.to_s(out);
+        Bytes expected = record;
+        expected[4] &= 0x03;
+        expected[5] &= 0x1F;
+        EXPECT_EQ(toBytes(out), expected) << name;
+        // Writing consumes the parameter sets: a parsed record is written once.
+        EXPECT_TRUE(avcc.sequenceParameterSets.entries.empty());
+        EXPECT_TRUE(avcc.pictureParameterSets.entries.empty());
+    }
+    // libx264's High profile record carries the chroma and bit-depth bytes
+    // after the PPS; they are kept as they are.
+    EXPECT_EQ(parsedRecord(records["high"]).trailing.length, 4u);
+
+    // Reserved bits set to one come back as zeros.
+    Bytes record = records["high"];
+    record[4] = 0xFF;
+    record[5] = 0xE1;
+    AVCSyntax::AVCC avcc = parsedRecord(record);
+    GolombBitStream out;
+    avcc.to_s(out);
+    EXPECT_EQ(out.data[4], 0x03);
+    EXPECT_EQ(out.data[5], 0x01);
+}
+
+TEST_F(AVCCRecord, ReadsProfileFlagsAndSize)
+{
+    struct Expect {
+        unsigned profile;
+        bool constrainedSet1;
+        bool fullRange;
+    };
+    const std::map<std::string, Expect> expected = {
+        {"baseline", {66, true, false}},  {"high", {100, false, false}},     {"ntsc", {100, false, false}},
+        {"component", {100, false, false}}, {"fullrange", {100, false, true}},
+    };
+    for (auto& [name, e] : expected) {
+        unsigned char profile = 0;
+        bool cs1 = !e.constrainedSet1, full = !e.fullRange;
+        testing::internal::CaptureStdout();
+        EXPECT_TRUE(avcc_get_profile_idc_and_constrained_set1_flag(toArray(records[name]), profile, cs1, full));
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+        EXPECT_EQ(profile, e.profile) << name;
+        EXPECT_EQ(cs1, e.constrainedSet1) << name;
+        EXPECT_EQ(full, e.fullRange) << name;
+
+        AVCSyntax::AVCC avcc = parsed(records[name]);
+        EXPECT_EQ(avcc.sps.width(), 192) << name;
+        EXPECT_EQ(avcc.sps.height(), 96) << name;
+        EXPECT_EQ(avcc.sps.nal_unit_type.value, 7u);
+    }
+}
+
+TEST_F(AVCCRecord, HighProfileBlockFollowsTheProfileList)
+{
+    AVCSyntax::AVCC high = parsed(records["high"]);
+    EXPECT_EQ(high.sps.high.chroma_format_idc.value, 1u);
+    EXPECT_EQ(high.sps.pic_width_in_mbs_minus1.value, 11u);
+
+    // 77 and 139 are not in the list: the Baseline bits read the same way
+    // with those profile numbers.
+    for (uint8_t profile : {77, 139}) {
+        Bytes sps = firstSps(records["baseline"]);
+        sps[1] = profile;
+        AVCSyntax::AVCC other = parsed(recordOf(sps, {0x68, 0xCB, 0x83, 0xCB, 0x20}));
+        EXPECT_EQ(other.sps.profile_idc.value, profile);
+        EXPECT_EQ(other.sps.high.chroma_format_idc.value, 0u);
+        EXPECT_EQ(other.sps.pic_width_in_mbs_minus1.value, 11u);
+        EXPECT_EQ(other.sps.pic_height_in_map_units_minus1.value, 5u);
+        EXPECT_EQ(other.sps.vui.aspect_ratio_idc.value, 1u);
+    }
+
+    EXPECT_TRUE(AVCSyntax::SPS::hasHighProfileBlock(100));
+    EXPECT_TRUE(AVCSyntax::SPS::hasHighProfileBlock(44));
+    EXPECT_FALSE(AVCSyntax::SPS::hasHighProfileBlock(77));
+    EXPECT_FALSE(AVCSyntax::SPS::hasHighProfileBlock(139));
+}
+
+TEST_F(AVCCRecord, AssignSetsFullRangeAndConstraintSet1)
+{
+    for (const char* name : {"baseline", "high"}) {
+        const Bytes& record = records[name];
+        Assigned a = assign(record, true);
+        ASSERT_TRUE(a.ok) << name;
+        EXPECT_EQ(a.printed, "");
+        EXPECT_FALSE(a.oldFullRange);
+
+        AVCSyntax::AVCC before = parsed(record);
+        AVCSyntax::AVCC after = parsed(a.record);
+        EXPECT_EQ(a.oldConstrainedSet1, before.sps.constraint_set1_flag == 1) << name;
+        EXPECT_EQ(after.sps.constraint_set1_flag.value, 1u);
+        EXPECT_TRUE(after.sps.fullRange()) << name;
+        EXPECT_EQ(after.sps.vui.video_format.value, 5u) << name;
+        // The rest of the SPS head is untouched.
+        EXPECT_EQ(after.sps.profile_idc.value, before.sps.profile_idc.value);
+        EXPECT_EQ(after.sps.level_idc.value, before.sps.level_idc.value);
+        EXPECT_EQ(after.sps.constraint_set0_flag.value, before.sps.constraint_set0_flag.value);
+        EXPECT_EQ(after.sps.width(), 192);
+        EXPECT_EQ(after.sps.height(), 96);
+        // The record around the SPS is the same.
+        EXPECT_EQ(Bytes(a.record.begin(), a.record.begin() + 4), Bytes(record.begin(), record.begin() + 4));
+        EXPECT_EQ(toBytes(after.pictureParameterSets.entries.front().bytes),
+                  toBytes(before.pictureParameterSets.entries.front().bytes));
+        EXPECT_EQ(toBytes(after.trailing), toBytes(before.trailing));
+        uint16_t spsLength = be16(&a.record[6]);
+        EXPECT_EQ(spsLength, after.sequenceParameterSets.entries.front().bytes.length);
+
+        unsigned char profile = 0;
+        bool cs1 = false, full = false;
+        EXPECT_TRUE(avcc_get_profile_idc_and_constrained_set1_flag(toArray(a.record), profile, cs1, full));
+        EXPECT_TRUE(cs1);
+        EXPECT_TRUE(full);
+    }
+}
+
+// The NAL units of an Annex B stream, start codes and trailing zeros cut.
+std::vector<Bytes> nalUnitsOf(const Bytes& stream)
+{
+    std::vector<size_t> starts;
+    for (size_t i = 0; i + 3 <= stream.size(); ++i)
+        if (stream[i] == 0 && stream[i + 1] == 0 && stream[i + 2] == 1)
+            starts.push_back(i + 3);
+    std::vector<Bytes> units;
+    for (size_t k = 0; k < starts.size(); ++k) {
+        size_t end = (k + 1 < starts.size()) ? starts[k + 1] - 3 : stream.size();
+        while (end > starts[k] && stream[end - 1] == 0)
+            --end;
+        units.emplace_back(stream.begin() + starts[k], stream.begin() + end);
+    }
+    return units;
+}
+
+// The first value that FFmpeg's header trace prints for each field name.
+std::map<std::string, long long> tracedFields(const std::string& trace)
+{
+    std::map<std::string, long long> fields;
+    std::istringstream lines(trace);
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::istringstream words(line.substr(line.find(']') == std::string::npos ? 0 : line.find(']') + 1));
+        std::string position, name, bits, eq;
+        long long value;
+        if (words >> position >> name >> bits >> eq >> value && eq == "=")
+            fields.emplace(name, value);
+    }
+    return fields;
+}
+
+TEST_F(AVCCRecord, RewrittenSpsReadsBackInFFmpeg)
+{
+    // Put the rewritten SPS in place of the encoder's in the raw H.264
+    // stream, and let FFmpeg's own parser read the flags.
+    fs::path movie = *dir / "high.mp4";
+    fs::path raw = *dir / "high.h264";
+    fs::path patched = *dir / "patched.h264";
+    std::string log;
+    ASSERT_EQ(run("ffmpeg -v error -y -i " + q(movie) + " -c copy -bsf:v h264_mp4toannexb -f h264 " + q(raw), &log), 0)
+        << log;
+    Assigned a = assign(records["high"], true);
+    ASSERT_TRUE(a.ok);
+    Bytes sps = toBytes(parsedRecord(a.record).sequenceParameterSets.entries.front().bytes);
+
+    Bytes stream;
+    int replaced = 0;
+    for (const Bytes& nal : nalUnitsOf(readFile(raw))) {
+        const Bytes& unit = (!nal.empty() && (nal[0] & 0x1F) == 7) ? sps : nal;
+        replaced += (&unit == &sps);
+        stream.insert(stream.end(), {0, 0, 0, 1});
+        stream.insert(stream.end(), unit.begin(), unit.end());
+    }
+    ASSERT_GT(replaced, 0);
+    writeFile(patched, stream);
+
+    // The encoder's SPS holds an emulation-prevention byte inside the timing
+    // information; the rewrite carries it as data, so FFmpeg reads the VUI
+    // tail differently and may give up after it. The fields up to the
+    // timing information are what the rewrite is about.
+    run("ffmpeg -hide_banner -i " + q(patched) + " -c copy -bsf:v trace_headers -f null -", &log);
+    std::map<std::string, long long> traced = tracedFields(log);
+    EXPECT_EQ(traced["profile_idc"], 100);
+    EXPECT_EQ(traced["constraint_set1_flag"], 1);
+    EXPECT_EQ(traced["video_signal_type_present_flag"], 1);
+    EXPECT_EQ(traced["video_format"], 5);
+    EXPECT_EQ(traced["video_full_range_flag"], 1);
+    EXPECT_EQ(traced["pic_width_in_mbs_minus1"], 11);
+
+    ASSERT_EQ(run("ffprobe -v quiet -show_entries stream=color_range -of csv=p=0 " + q(patched), &log), 0);
+    EXPECT_EQ(log.substr(0, 2), "pc");
+}
+
+TEST_F(AVCCRecord, SignalTypeFollowsTheRequest)
+{
+    EXPECT_EQ(parsed(records["component"]).sps.vui.video_format.value, 0u);
+    Assigned component = assign(records["component"], true);
+    ASSERT_TRUE(component.ok);
+    EXPECT_EQ(parsed(component.record).sps.vui.video_format.value, 5u);
+
+    EXPECT_EQ(parsed(records["ntsc"]).sps.vui.video_format.value, 2u);
+    Assigned ntsc = assign(records["ntsc"], true);
+    ASSERT_TRUE(ntsc.ok);
+    EXPECT_EQ(parsed(ntsc.record).sps.vui.video_format.value, 2u);
+
+    // A full-range source reports it, and the flag can be cleared.
+    Assigned a = assign(records["fullrange"], false);
+    ASSERT_TRUE(a.ok);
+    EXPECT_TRUE(a.oldFullRange);
+    EXPECT_FALSE(a.oldConstrainedSet1);
+    AVCSyntax::AVCC after = parsed(a.record);
+    EXPECT_EQ(after.sps.constraint_set1_flag.value, 1u);
+    EXPECT_EQ(after.sps.vui.video_signal_type_present_flag.value, 1u);
+    EXPECT_EQ(after.sps.vui.video_full_range_flag.value, 0u);
+    EXPECT_FALSE(after.sps.fullRange());
+}
+
+TEST_F(AVCCRecord, SpsWithoutVuiGainsOne)
+{
+    AVCSyntax::AVCC base = parsed(records["baseline"]);
+    base.sps.vui_parameters_present_flag = 0;
+    Bytes bare = recordOf(spsBytesOf(base.sps), toBytes(base.pictureParameterSets.entries.front().bytes));
+    ASSERT_EQ(parsed(bare).sps.vui_parameters_present_flag.value, 0u);
+
+    Assigned a = assign(bare, true);
+    ASSERT_TRUE(a.ok);
+    EXPECT_FALSE(a.oldFullRange);
+    AVCSyntax::AVCC after = parsed(a.record);
+    const AVCSyntax::VUI& vui = after.sps.vui;
+    EXPECT_EQ(after.sps.vui_parameters_present_flag.value, 1u);
+    EXPECT_EQ(vui.video_signal_type_present_flag.value, 1u);
+    EXPECT_EQ(vui.video_format.value, 5u);
+    EXPECT_EQ(vui.video_full_range_flag.value, 1u);
+    for (uint32_t flag :
+         {vui.aspect_ratio_info_present_flag.value, vui.overscan_info_present_flag.value,
+          vui.colour_description_present_flag.value, vui.chroma_loc_info_present_flag.value,
+          vui.timing_info_present_flag.value, vui.nal_hrd_parameters_present_flag.value,
+          vui.vcl_hrd_parameters_present_flag.value, vui.pic_struct_present_flag.value,
+          vui.bitstream_restriction_flag.value})
+        EXPECT_EQ(flag, 0u);
+}
+
+TEST_F(AVCCRecord, RecordCutInsideTheSpsFailsToParseTheSps)
+{
+    Bytes sps = firstSps(records["high"]);
+    Bytes cut(sps.begin(), sps.begin() + 5);
+    Assigned a = assign(recordOf(cut, {0x68, 0xEB, 0xE3, 0xCB, 0x22, 0xC0}), true);
+    EXPECT_FALSE(a.ok);
+    EXPECT_EQ(a.printed, "avcc.sps_parse() failed: no more data\n");
+    EXPECT_TRUE(a.record.empty());
+
+    unsigned char profile = 0;
+    bool cs1 = false, full = false;
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(avcc_get_profile_idc_and_constrained_set1_flag(toArray(recordOf(cut, {0x68})), profile, cs1, full));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "avcc.sps_parse() failed: no more data\n");
+}
+
+TEST_F(AVCCRecord, RecordCutShortFailsToParse)
+{
+    // The Main record ends with its PPS: every shorter prefix fails at the
+    // record level, before its SPS is looked at.
+    const Bytes& record = records["main"];
+    for (size_t n = 0; n < record.size(); ++n) {
+        Assigned a = assign(Bytes(record.begin(), record.begin() + n), true);
+        EXPECT_FALSE(a.ok) << n;
+        EXPECT_EQ(a.printed, "avcc.parse() failed: no more data\n") << n;
+    }
+}
+
+TEST_F(AVCCRecord, RecordWithoutSpsFailsWithoutThrowing)
+{
+    Bytes empty = {0x01, 0x64, 0x00, 0x0B, 0xFF, 0xE0, 0x00};
+    Assigned a = assign(empty, true);
+    EXPECT_FALSE(a.ok);
+    EXPECT_EQ(a.printed, "avcc.sps_parse() failed: no sequence parameter set\n");
+}
+
+TEST_F(AVCCRecord, PpsLoopRunsOncePerSps)
+{
+    // Two SPS entries and one PPS: the second PPS read runs into the end.
+    Bytes sps = firstSps(records["baseline"]);
+    Bytes record = recordOf(sps, {0x68, 0xEB});
+    record[5] = 0xE2;
+    Bytes second = {0x00, uint8_t(sps.size())};
+    second.insert(second.end(), sps.begin(), sps.end());
+    record.insert(record.begin() + 8 + sps.size(), second.begin(), second.end());
+    Assigned a = assign(record, true);
+    EXPECT_FALSE(a.ok);
+    EXPECT_EQ(a.printed, "avcc.parse() failed: no more data\n");
+
+    // With a second PPS present, the PPS count byte is kept as it was (1).
+    record.push_back(0x00);
+    record.push_back(0x01);
+    record.push_back(0x68);
+    Assigned b = assign(record, false);
+    ASSERT_TRUE(b.ok) << b.printed;
+    AVCSyntax::AVCC after = parsed(b.record);
+    EXPECT_EQ(after.numOfPictureParameterSets, 1u);
+    EXPECT_EQ(after.pictureParameterSets.entries.size(), 2u);
+    // Only the first SPS is rewritten.
+    EXPECT_EQ(toBytes(after.sequenceParameterSets.entries[1].bytes), sps);
+}
+
+// A hand-made Baseline SPS head up to pic_order_cnt_type.
+void writeSpsHead(GolombBitStream& s, uint32_t pocType)
+{
+    s.write_bits(0x67, 8);  // NAL header
+    s.write_bits(66, 8);    // profile_idc
+    s.write_bits(0xC0, 8);  // constraint flags
+    s.write_bits(30, 8);    // level_idc
+    s.write_golomb(0);      // seq_parameter_set_id
+    s.write_golomb(0);      // log2_max_frame_num_minus4
+    s.write_golomb(pocType);
+}
+
+std::string spsFailure(GolombBitStream& s)
+{
+    s.flush_bits();
+    Assigned a = assign(recordOf(toBytes(s), {0x68}), true);
+    EXPECT_FALSE(a.ok);
+    return a.printed;
+}
+
+TEST_F(AVCCRecord, AbsurdCountsAndLongCodesAreRefused)
+{
+    {
+        GolombBitStream s;
+        s.write_bits(0x6742C01E, 32);
+        s.write_bits(0, 40); // seq_parameter_set_id with 40 leading zeros
+        EXPECT_EQ(spsFailure(s), "avcc.sps_parse() failed: too log golomb sream\n");
+    }
+    {
+        GolombBitStream s;
+        writeSpsHead(s, 1);
+        s.write_bits(0, 1);   // delta_pic_order_always_zero_flag
+        s.write_golomb(0);    // offset_for_non_ref_pic
+        s.write_golomb(0);    // offset_for_top_to_bottom_field
+        s.write_golomb(256);  // num_ref_frames_in_pic_order_cnt_cycle
+        for (int i = 0; i < 300; ++i)
+            s.write_golomb(0);
+        EXPECT_EQ(spsFailure(s), "avcc.sps_parse() failed: num_ref_frames_in_pic_order_cnt_cycle out of range\n");
+    }
+    {
+        // A VUI whose NAL HRD claims 33 schedules.
+        GolombBitStream s;
+        writeSpsHead(s, 2);
+        s.write_golomb(1);    // max_num_ref_frames
+        s.write_bits(0, 1);   // gaps
+        s.write_golomb(11);   // width
+        s.write_golomb(5);    // height
+        s.write_bits(0b1, 1); // frame_mbs_only_flag
+        s.write_bits(0b1, 1); // direct_8x8_inference_flag
+        s.write_bits(0, 1);   // frame_cropping_flag
+        s.write_bits(1, 1);   // vui_parameters_present_flag
+        s.write_bits(0, 5);   // aspect, overscan, signal type, chroma loc, timing
+        s.write_bits(1, 1);   // nal_hrd_parameters_present_flag
+        s.write_golomb(32);   // cpb_cnt_minus1
+        s.write_bits(0, 32);
+        s.write_bits(0, 32);
+        EXPECT_EQ(spsFailure(s), "avcc.sps_parse() failed: cpb_cnt_minus1 out of range\n");
+    }
+}
+
+TEST_F(AVCCRecord, PocType1OffsetsKeepTheirBits)
+{
+    // Offsets written as arbitrary code numbers, odd ones included, come back
+    // as the same codes after a rewrite.
+    GolombBitStream s;
+    writeSpsHead(s, 1);
+    s.write_bits(1, 1);
+    s.write_golomb(3);
+    s.write_golomb(5);
+    s.write_golomb(3);
+    for (uint32_t v : {1u, 2u, 7u})
+        s.write_golomb(v);
+    s.write_golomb(1);
+    s.write_bits(0, 1);
+    s.write_golomb(11);
+    s.write_golomb(5);
+    s.write_bits(0b110, 3);
+    s.write_bits(0, 1); // no VUI
+    s.flush_bits();
+    Assigned a = assign(recordOf(toBytes(s), {0x68}), true);
+    ASSERT_TRUE(a.ok) << a.printed;
+    AVCSyntax::AVCC after = parsed(a.record);
+    EXPECT_EQ(after.sps.offset_for_non_ref_pic.value, 3u);
+    EXPECT_EQ(after.sps.offset_for_top_to_bottom_field.value, 5u);
+    ASSERT_EQ(after.sps.offset_for_ref_frame.size(), 3u);
+    EXPECT_EQ(after.sps.offset_for_ref_frame[0].value, 1u);
+    EXPECT_EQ(after.sps.offset_for_ref_frame[2].value, 7u);
+    EXPECT_EQ(after.sps.width(), 192);
+}
+
+TEST_F(AVCCRecord, HostileRecordsNeverCrash)
+{
+    // Random byte damage and truncation of real records: every call returns
+    // (true or false) without throwing or reading past the buffer.
+    std::mt19937 rng(1234);
+    int parsedCount = 0;
+    for (auto& [name, record] : records) {
+        for (int round = 0; round < 400; ++round) {
+            Bytes damaged = record;
+            int hits = 1 + int(rng() % 4);
+            for (int h = 0; h < hits; ++h)
+                damaged[rng() % damaged.size()] = uint8_t(rng());
+            if (rng() % 3 == 0)
+                damaged.resize(rng() % damaged.size());
+            ByteArray out;
+            bool oldFull = false, oldCs1 = false;
+            testing::internal::CaptureStdout();
+            bool ok = false;
+            EXPECT_NO_THROW(ok = avcc_assign_fullRange_and_constrained_set1_flag(toArray(damaged), out, true, oldFull,
+                                                                                 oldCs1));
+            unsigned char profile = 0;
+            bool cs1 = false, full = false;
+            EXPECT_NO_THROW(avcc_get_profile_idc_and_constrained_set1_flag(toArray(damaged), profile, cs1, full));
+            EXPECT_NO_THROW(avcc_fields(toArray(damaged)));
+            testing::internal::GetCapturedStdout();
+            parsedCount += ok;
+        }
+    }
+    EXPECT_GT(parsedCount, 0);
+}
+
+TEST_F(AVCCRecord, DumpShowsTheMainFields)
+{
+    testing::internal::CaptureStdout();
+    avcc_dump(toArray(records["high"]), L"    ", L"avcC");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "MP4:     <avcC version=1 profile=100 compatibility=0x00 level=11 lengthSize=4 sps=1 pps=1"
+              " profile_idc=100 level_idc=11 constraint_set1_flag=0 full_range=0 video_format=5"
+              " width=192 height=96 >\n");
+
+    EXPECT_EQ(avcc_fields(toArray(Bytes{0x01, 0x64})), L" unparsed: no more data");
+    std::wstring noSps = avcc_fields(toArray(Bytes{0x01, 0x64, 0x00, 0x0B, 0xFF, 0xE0, 0x00}));
+    EXPECT_NE(noSps.find(L"sps=0 pps=0 sps unparsed: no sequence parameter set"), std::wstring::npos);
+}
+
+} // namespace
