@@ -15,6 +15,9 @@
 //
 // The endian mark is read as a little-endian value and never swapped itself.
 #include "GLTKConsole.h"
+#include "GLTKFileIO.h"
+#include "GLTKMatrix.h"
+#include "GLTKVector.h"
 #include "GLTKwchar.h"
 #include "MP4Container.h"
 #include "SensorStreamBoxes.h"
@@ -87,6 +90,85 @@ public:
     static void loadM30_QDTG(MP4::Container& c, std::vector<unsigned long long>& out, unsigned short& extra);
     static void loadM22_QDTH(MP4::Container& c, std::vector<Quaternion>& out, unsigned short& extra);
     static void loadM29_QDTI(MP4::Container& c, std::vector<YawCorrection>& out, unsigned short& extra);
+    // ---------------------------------------------------------------- loading
+    //
+    // One accelerometer sample with its compass heading, 12 bytes; also the
+    // record of the raw stream read by `load` (big-endian there).
+    struct TAccelSensorInfo {
+        int16_t x = 0;
+        int16_t y = 0;
+        int16_t z = 0;
+        uint16_t orientation = 0; // hundredths of a degree, 0 ... 35999
+        int16_t temperature = 0;
+        uint8_t reserved[2] = {};
+    };
+
+    // The 48-byte header of a raw stream (twelve big-endian 32-bit words
+    // there, host order here). `loadM29` fills it from the boxes.
+    struct StreamHeader {
+        int32_t count = 0;          // samples announced
+        int32_t rate = 0;           // sample rate value
+        int32_t tempGain = 0;       // temperature correction a
+        int32_t tempOffset = 0;     // temperature correction b
+        int32_t tempScale = 0;      // temperature correction c
+        int32_t reserved = 0;
+        int32_t offsetX = 0;        // added to every raw x
+        int32_t offsetY = 0;        // added to every raw y
+        int32_t offsetZ = 0;        // added to every raw z
+        int32_t tempCorrection = 0; // non-zero: correct z for temperature
+        int32_t divisor = 0;
+        int32_t step = 0;           // 30 / divisor
+    };
+
+    // Reads a raw stream at the file's position: header, then up to count
+    // samples. With `filter`, each axis is low-pass filtered on its own
+    // thread. Then the two orientation decisions. True when count samples
+    // were read.
+    bool load(int unused, GLTK::FileIO& file, bool filter);
+    // Builds the samples from the movie's QDTD (gravity) and QDTC (compass)
+    // boxes; QDTD is resampled at the QDTG times unless the movie has QDTI.
+    // `divisor` must not be 0. True when a sample was made for every record.
+    bool loadM29(MP4::Container& container, int divisor);
+    // QDTD at the QDTG presentation times (see the .cpp for the walk).
+    void loadM30_QDTD_with_QDTG(MP4::Container& container, std::vector<TopBottomCorrection>& out,
+                                unsigned short& extra);
+
+    // The corrected acceleration of sample i (clamped to the table).
+    GLTK::Vector3 axis(int i) const;
+    // Upside down: gravity mostly along +y rather than -y. Prints one line.
+    void detectReverse();
+    // Front reversed. Prints one line.
+    void detectReverseFront();
+    // The compass heading of the sample, from its gravity and the compass
+    // vector.
+    static void calcOrientation(TAccelSensorInfo& info, const Ecompass& compass);
+    // The rotation that turns v onto the direction of axis (identity when v
+    // is too short or already along the axis).
+    static void tiltMatrix0WithAxis(const GLTK::Vector3& v, const GLTK::Vector3& axis, GLTK::Matrix3x3& result);
+
+    // Runs filterForAcc over the three axes, one thread each, and joins them
+    // all before it returns or throws.
+    static void filterAxes(const std::vector<double>& x, const std::vector<double>& y, const std::vector<double>& z,
+                           std::vector<double>& fx, std::vector<double>& fy, std::vector<double>& fz);
+    // The gravity direction at time g between the records p and q
+    // (p.t <= g < q.t), of length 16384; p's vector where no turn is defined.
+    static TopBottomCorrection interpolateGravity(const TopBottomCorrection& p, const TopBottomCorrection& q,
+                                                  uint64_t g);
+
+    bool isReversed() const { return reversed; }
+    bool isFrontReversed() const { return frontReversed; }
+    const std::vector<TAccelSensorInfo>& getSamples() const { return samples; }
+
+    StreamHeader header;
+    std::vector<TAccelSensorInfo> samples;
+    bool reversed = false;
+    float upWeight = 0;
+    float downWeight = 0;
+    bool frontReversed = false;
+    float frontScore = 0;
+
+private:
+    void clearState();
 };
 
 static_assert(sizeof(AccelSensorStreamEmbed::Gyro) == 24);
@@ -94,6 +176,8 @@ static_assert(sizeof(AccelSensorStreamEmbed::Ecompass) == 24);
 static_assert(sizeof(AccelSensorStreamEmbed::TopBottomCorrection) == 16);
 static_assert(sizeof(AccelSensorStreamEmbed::Quaternion) == 24);
 static_assert(sizeof(AccelSensorStreamEmbed::YawCorrection) == 24);
+static_assert(sizeof(AccelSensorStreamEmbed::TAccelSensorInfo) == 12);
+static_assert(sizeof(AccelSensorStreamEmbed::StreamHeader) == 48);
 
 
 template <class T, class Swap>
