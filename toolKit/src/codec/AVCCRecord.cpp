@@ -450,12 +450,52 @@ void AVCC::to_s(GolombBitStream& stream)
     stream.write_bytes(trailing);
 }
 
+// A NAL unit never holds 00 00 0x (x <= 3): the encoder inserts an
+// emulation-prevention byte 03 after every 00 00 that would. The syntax is
+// read from the unescaped bytes and escaped again when written, or every
+// field behind the first such byte (the VUI timing of most encoders) would be
+// misread and written back wrong.
+static ByteArray unescapeNAL(const ByteArray& in)
+{
+    ByteArray out;
+    out.resize(in.length);
+    uint64_t n = 0;
+    int zeros = 0;
+    for (uint64_t i = 0; i < in.length; ++i) {
+        uint8_t b = in.data[i];
+        if (zeros >= 2 && b == 0x03) {
+            zeros = 0;
+            continue;
+        }
+        zeros = b == 0 ? zeros + 1 : 0;
+        out.data[n++] = b;
+    }
+    out.resize(n);
+    return out;
+}
+
+static ByteArray escapeNAL(const uint8_t* in, uint64_t length)
+{
+    ByteArray out;
+    int zeros = 0;
+    for (uint64_t i = 0; i < length; ++i) {
+        uint8_t b = in[i];
+        if (zeros >= 2 && b <= 0x03) {
+            out.append8(0x03);
+            zeros = 0;
+        }
+        out.append8(b);
+        zeros = b == 0 ? zeros + 1 : 0;
+    }
+    return out;
+}
+
 void AVCC::sps_parse()
 {
     if (sequenceParameterSets.entries.empty())
         throw "no sequence parameter set";
     GolombBitStream stream;
-    stream.attach(sequenceParameterSets.entries.front().bytes);
+    stream.attach(unescapeNAL(sequenceParameterSets.entries.front().bytes));
     sps.clear();
     sps.parse(stream);
 }
@@ -466,12 +506,15 @@ void AVCC::sps_to_s()
         throw "no sequence parameter set";
     GolombBitStream stream;
     sps.to_s(stream);
+    // The RBSP ends with a stop bit, then zero bits to the byte boundary.
+    stream.write_bits(1, 1);
     stream.flush_bits();
-    if (stream.remaining() > 0xFFFF)
+    ByteArray escaped = escapeNAL(stream.front(), stream.remaining());
+    if (escaped.length > 0xFFFF)
         throw "sequence parameter set too long";
     ParameterSetVector::Entry& first = sequenceParameterSets.entries.front();
-    first.bytes.assign(stream.front(), stream.remaining());
-    first.length = static_cast<uint16_t>(stream.remaining());
+    first.bytes = escaped;
+    first.length = static_cast<uint16_t>(escaped.length);
 }
 
 } // namespace AVCSyntax

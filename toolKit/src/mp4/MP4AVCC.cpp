@@ -1,13 +1,25 @@
 #include "MP4Box.h"
 
+#include "AVCCRecord.h"
 #include "GLTKConsole.h"
 
 namespace MP4 {
 
 void AVCC::dump() const
 {
-    GLTK::Console::out(L"MP4: %ls<%ls record=%llu >\n", indent().c_str(), basicTag().c_str(),
-                       static_cast<unsigned long long>(record.length));
+    avcc_dump(record, indent().c_str(), basicTag().c_str());
+}
+
+bool AVCC::get_profile_idc_and_constrained_set1_flag(unsigned char& profile_idc, bool& constrainedSet1,
+                                                     bool& fullRange) const
+{
+    return avcc_get_profile_idc_and_constrained_set1_flag(record, profile_idc, constrainedSet1, fullRange);
+}
+
+bool AVCC::assign_fullRange_and_constrained_set1_flag(ByteArray& out, bool fullRange, bool& oldFullRange,
+                                                      bool& oldConstrainedSet1) const
+{
+    return avcc_assign_fullRange_and_constrained_set1_flag(record, out, fullRange, oldFullRange, oldConstrainedSet1);
 }
 
 } // namespace MP4
