@@ -261,6 +261,20 @@ void STSD::parseBox(BinFile& file, uint64_t end)
     parseChildren(file, end);
 }
 
+void STSD::dump() const
+{
+    std::wstring codes;
+    for (const BOX* c : children) {
+        if (!codes.empty())
+            codes += L',';
+        codes += GLTK::wchar::mbs2wcs(c->typeText());
+    }
+    GLTK::Console::out(L"MP4: %ls<%ls entries=%u codes=%ls children=%lu >\n", indent().c_str(), basicTag().c_str(),
+                       entryCount, codes.empty() ? L"-" : codes.c_str(), static_cast<unsigned long>(children.size()));
+    for (const BOX* c : children)
+        c->dump();
+}
+
 BOX* AVC1::allocChild(BOX& h)
 {
     return h.type == fourcc("avcC") ? make<AVCC>(h) : make<BOX>(h);
@@ -303,6 +317,16 @@ BOX* UDTA::allocChild(BOX& h)
 BOX* META::allocChild(BOX& h)
 {
     return h.type == fourcc("hdlr") ? make<HDLR>(h) : make<BOX>(h);
+}
+
+void HDLR::dump() const
+{
+    wchar_t code[5] = {};
+    for (int i = 0; i < 4; ++i) {
+        const unsigned c = (handlerType >> (8 * i)) & 0xFF;
+        code[i] = c < 0x20 || c > 0x7E ? L'?' : static_cast<wchar_t>(c);
+    }
+    GLTK::Console::out(L"MP4: %ls<%ls handler=%ls >\n", indent().c_str(), basicTag().c_str(), code);
 }
 
 // ---------------------------------------------------------------- uuid

@@ -117,6 +117,8 @@ public:
     using NestedBoxWithVersion::NestedBoxWithVersion;
     void parseBox(BinFile& file, uint64_t end) override;
     BOX* allocChild(BOX& header) override;
+    // Also names the sample-entry codes ("codes=avc1,sowt").
+    void dump() const override;
     uint32_t entryCount = 0;
 };
 
@@ -280,6 +282,7 @@ class HDLR : public BOX {
 public:
     explicit HDLR(const BOX& h) { copyHeader(h); }
     void parseBox(BinFile& file, uint64_t end) override;
+    void dump() const override;
     uint32_t handlerType = 0;
 };
 
