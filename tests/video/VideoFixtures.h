@@ -9,6 +9,7 @@
 namespace videotest {
 
 using testsupport::fs::path;
+namespace fs = testsupport::fs;
 
 struct MovieSpec {
     int width = 960;
