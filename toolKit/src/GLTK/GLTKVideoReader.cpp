@@ -11,6 +11,7 @@ extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/pixdesc.h>
 #include <libswresample/swresample.h>
+#include <libavutil/opt.h>
 #include <libswscale/swscale.h>
 }
 
@@ -90,10 +91,7 @@ public:
             srcFull != key.srcFull || colorspace != key.colorspace || width != key.dstW || height != key.dstH ||
             format != key.dstFormat || fullRange != key.dstFull) {
             sws_freeContext(sws);
-            // Bilinear in libswscale widens its filter when shrinking, so a 2:1
-            // reduction averages every source pixel; it costs a third of bicubic.
-            sws = sws_getContext(src->width, src->height, srcFormat, width, height, format, SWS_BILINEAR,
-                                 nullptr, nullptr, nullptr);
+            sws = makeContext(src->width, src->height, srcFormat, srcFull, width, height, format, fullRange);
             if (sws == nullptr)
                 return nullptr;
             const int* table = sws_getCoefficients(colorspace);
@@ -106,8 +104,7 @@ public:
         dst->format = format;
         dst->width = width;
         dst->height = height;
-        if (av_frame_get_buffer(dst, 0) < 0 ||
-            sws_scale(sws, src->data, src->linesize, 0, src->height, dst->data, dst->linesize) <= 0) {
+        if (av_frame_get_buffer(dst, 0) < 0 || sws_scale_frame(sws, dst, src) < 0) {
             av_frame_free(&dst);
             return nullptr;
         }
@@ -127,6 +124,30 @@ private:
         AVPixelFormat dstFormat = AV_PIX_FMT_NONE;
         bool dstFull = false;
     };
+    static SwsContext* makeContext(int srcW, int srcH, AVPixelFormat srcFormat, bool srcFull, int dstW, int dstH,
+                                   AVPixelFormat dstFormat, bool dstFull)
+    {
+        SwsContext* c = sws_alloc_context();
+        if (c == nullptr)
+            return nullptr;
+        // Bilinear in libswscale widens its filter when shrinking, so a 2:1
+        // reduction still weighs every source pixel, at less cost than bicubic.
+        av_opt_set_int(c, "sws_flags", SWS_BILINEAR, 0);
+        av_opt_set_int(c, "srcw", srcW, 0);
+        av_opt_set_int(c, "srch", srcH, 0);
+        av_opt_set_int(c, "src_format", srcFormat, 0);
+        av_opt_set_int(c, "src_range", srcFull ? 1 : 0, 0);
+        av_opt_set_int(c, "dstw", dstW, 0);
+        av_opt_set_int(c, "dsth", dstH, 0);
+        av_opt_set_int(c, "dst_format", dstFormat, 0);
+        av_opt_set_int(c, "dst_range", dstFull ? 1 : 0, 0);
+        if (sws_init_context(c, nullptr, nullptr) < 0) {
+            sws_freeContext(c);
+            return nullptr;
+        }
+        return c;
+    }
+
     SwsContext* sws = nullptr;
     Key key;
 };
