@@ -39,8 +39,8 @@ namespace {
 constexpr const char* kX264Preset = "veryfast";
 constexpr const char* kX265Preset = "ultrafast";
 
-// Packets or frames handed between threads, with a fixed bound that only
-// the producer respects (it checks hasRoom before pushing).
+// Frames handed from the caller's thread to an encoder thread. The bound is
+// kept by the producer, which checks hasRoom before pushing.
 class FrameQueue {
 public:
     explicit FrameQueue(size_t capacity) : capacity(capacity) {}
@@ -212,7 +212,7 @@ struct GLTKVideoWriter::Output {
                                    : AVCOL_RANGE_MPEG;
         AVColorRange outRange = video->color_range == AVCOL_RANGE_JPEG ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
         if (in->format == video->pix_fmt && in->width == video->width && in->height == video->height &&
-            (inRange == outRange || in->format == AV_PIX_FMT_BGRA))
+            inRange == outRange)
             return in;
         sws = sws_getCachedContext(sws, in->width, in->height, static_cast<AVPixelFormat>(in->format),
                                    video->width, video->height, video->pix_fmt, SWS_BILINEAR, nullptr, nullptr,

@@ -17,8 +17,8 @@
 class GLTKVideoWriter {
 public:
     // Room in the queues between the caller and the encoders: a few frames,
-    // enough to keep the encoder busy while the caller decodes, and about a
-    // second of audio buffers.
+    // enough to keep the encoder busy while the caller decodes the next, and
+    // 32 audio buffers (about a second of sound).
     static constexpr size_t kVideoQueueDepth = 4;
     static constexpr size_t kAudioQueueDepth = 32;
 
