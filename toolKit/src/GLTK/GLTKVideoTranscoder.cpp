@@ -1,5 +1,7 @@
 #include "GLTKVideoTranscoder.h"
 
+#include "GLTKCancel.h"
+
 #include <unistd.h>
 
 using GLTK::MediaTime;
@@ -172,7 +174,7 @@ bool GLTKVideoTranscoder::process(const std::string& outputURL, float audioPrece
             audioLoaded = reader->loadNextAudio(audioPrecedingLimit, audioHandler);
         if (writer.isReadyForMoreFrame())
             frameLoaded = reader->loadNextFrame(frameHandler);
-        if (GLTK::transcodeStopRequested.load() || writer.hasFailed())
+        if (GLTK::transcodeStopRequested.load() || GLTK::cancelRequested() || writer.hasFailed())
             goOn = false;
         if (goOn) {
             if (!audioLoaded && !frameLoaded) {
