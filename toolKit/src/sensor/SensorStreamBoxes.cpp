@@ -1,0 +1,157 @@
+#include "SensorStreamBoxes.h"
+
+#include "AccelSensorStreamEmbed.h"
+
+namespace SensorStream {
+
+uint64_t boxBytesAvailable(const MP4::BOX& box, uint64_t fileLength)
+{
+    uint64_t end = std::min(box.end() < box.start ? UINT64_MAX : box.end(), fileLength);
+    for (const MP4::BOX* p = box.parent; p != nullptr; p = p->parent)
+        if (p->end() >= p->start) // a size that wraps around says nothing
+            end = std::min(end, p->end());
+    return end > box.start ? end - box.start : 0;
+}
+
+bool trimSensorBox(uint8_t* box, uint64_t boxSize, unsigned recordSize, uint32_t first, uint32_t count)
+{
+    using A = AccelSensorStreamEmbed;
+    if (box == nullptr || recordSize == 0 || boxSize < A::kRecordsAt)
+        return false;
+    const uint64_t kept = uint64_t(count) * recordSize;
+    // A box the kept records would fill exactly is deliberately not rewritten.
+    if (boxSize - A::kRecordsAt <= kept)
+        return false;
+    const bool big = le16(box + 16) == A::kBigEndianMark;
+    uint32_t recorded = le32(box + 8);
+    if (big)
+        swapBytes(recorded);
+    const uint64_t last = uint64_t(first) + count;
+    if (last > recorded || A::kRecordsAt + last * recordSize > boxSize)
+        return false;
+    uint32_t stored = count;
+    if (big)
+        swapBytes(stored);
+    std::memcpy(box + 8, &stored, 4);
+    uint8_t* records = box + A::kRecordsAt;
+    std::memmove(records, records + uint64_t(first) * recordSize, kept);
+    std::memset(records + kept, 0, boxSize - A::kRecordsAt - kept);
+    return true;
+}
+
+bool trimSensorBoxIn(ByteArray& udta, const char* type, unsigned recordSize, uint32_t first, uint32_t count)
+{
+    if (udta.length < 8 || type == nullptr || std::strlen(type) < 4)
+        return false;
+    uint64_t end = be32(udta.data);
+    uint64_t at = 8;
+    if (end == 1) {
+        if (udta.length < 16)
+            return false;
+        end = be64(udta.data + 8);
+        at = 16;
+    } else if (end == 0) {
+        end = udta.length;
+    }
+    end = std::min(end, udta.length);
+    while (at + 8 <= end) {
+        const uint8_t* h = udta.data + at;
+        uint64_t size = be32(h);
+        uint64_t header = 8;
+        if (size == 1) {
+            if (at + 16 > end)
+                return false;
+            size = be64(h + 8);
+            header = 16;
+        } else if (size == 0) {
+            size = end - at;
+        }
+        if (size < header || size > end - at)
+            return false; // a child running past its parent ends the walk
+        if (std::memcmp(h + 4, type, 4) == 0) {
+            // The stream header sits behind an 8-byte box header; a 64-bit
+            // header is not a sensor box this code knows.
+            return header == 8 && trimSensorBox(udta.data + at, size, recordSize, first, count);
+        }
+        at += size;
+    }
+    return false;
+}
+
+} // namespace SensorStream
+
+using A = AccelSensorStreamEmbed;
+
+void A::Gyro::swap_xyzt(Gyro& r)
+{
+    SensorStream::swapBytes(r.x);
+    SensorStream::swapBytes(r.y);
+    SensorStream::swapBytes(r.z);
+    SensorStream::swapBytes(r.t);
+}
+
+void A::Ecompass::swap_xyzt(Ecompass& r)
+{
+    SensorStream::swapBytes(r.x);
+    SensorStream::swapBytes(r.y);
+    SensorStream::swapBytes(r.z);
+    SensorStream::swapBytes(r.t);
+}
+
+void A::TopBottomCorrection::swap_xyzt(TopBottomCorrection& r)
+{
+    SensorStream::swapBytes(r.x);
+    SensorStream::swapBytes(r.y);
+    SensorStream::swapBytes(r.z);
+    SensorStream::swapBytes(r.t);
+}
+
+void A::Quaternion::swap_wxyzt(Quaternion& r)
+{
+    SensorStream::swapBytes(r.w);
+    SensorStream::swapBytes(r.x);
+    SensorStream::swapBytes(r.y);
+    SensorStream::swapBytes(r.z);
+    SensorStream::swapBytes(r.t);
+}
+
+void A::YawCorrection::swap_QDTI(YawCorrection& r)
+{
+    SensorStream::swapBytes(r.w);
+    SensorStream::swapBytes(r.x);
+    SensorStream::swapBytes(r.y);
+    SensorStream::swapBytes(r.z);
+    SensorStream::swapBytes(r.t);
+}
+
+void A::swap_u64(unsigned long long& t) { SensorStream::swapBytes(t); }
+
+void A::loadM29_QDTB(MP4::Container& c, std::vector<Gyro>& out, unsigned short& extra)
+{
+    loadM29_QDTx(c, "QDTB", out, extra, Gyro::swap_xyzt);
+}
+
+void A::loadM29_QDTC(MP4::Container& c, std::vector<Ecompass>& out, unsigned short& extra)
+{
+    loadM29_QDTx(c, "QDTC", out, extra, Ecompass::swap_xyzt);
+}
+
+void A::loadM29_QDTD(MP4::Container& c, std::vector<TopBottomCorrection>& out, unsigned short& extra)
+{
+    loadM29_QDTx(c, "QDTD", out, extra, TopBottomCorrection::swap_xyzt);
+}
+
+void A::loadM30_QDTG(MP4::Container& c, std::vector<unsigned long long>& out, unsigned short& extra)
+{
+    loadM29_QDTx(c, "QDTG", out, extra, swap_u64);
+}
+
+void A::loadM22_QDTH(MP4::Container& c, std::vector<Quaternion>& out, unsigned short& extra)
+{
+    loadM29_QDTx(c, "QDTH", out, extra, Quaternion::swap_wxyzt);
+}
+
+void A::loadM29_QDTI(MP4::Container& c, std::vector<YawCorrection>& out, unsigned short& extra)
+{
+    loadM29_QDTx(c, "QDTI", out, extra, YawCorrection::swap_QDTI);
+}
