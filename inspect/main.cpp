@@ -12,6 +12,7 @@
 #include "GLTKwchar.h"
 #include "GPSInfo.h"
 #include "MP4Container.h"
+#include "MetaProbe.h"
 #include "SensorStreamBoxes.h"
 #include "Utility.h"
 #include "ViewHeading.h"
@@ -264,6 +265,28 @@ void showSensorStreams(MP4::Container& c)
     Console::out(L"samples: %zu%ls\n", embed.getSamples().size(), ok ? L"" : L" (incomplete)");
 }
 
+// The source probe prints its own findings; its record is summed up after.
+void showProbe(const std::wstring& path)
+{
+    section(L"probe");
+    MetaProbe probe;
+    const bool movie = probe.probe(path);
+    static const wchar_t* const codecs[] = {L"unknown", L"H.264", L"H.265"};
+    Console::LocaleC locale;
+    Console::out(L"model code: 0x%05X\n", probe.cameraVersion);
+    Console::out(L"codec: %ls\n", codecs[probe.codec >= 0 && probe.codec <= 2 ? probe.codec : 0]);
+    if (movie)
+        Console::out(L"frame: %dx%d at %0.3f fps\n", probe.width, probe.height, double(probe.frameRate));
+    else
+        Console::out(L"frame: no decodable video track\n");
+    Console::out(L"duration: %0.3f s\n", double(probe.duration));
+    Console::out(L"bit rates: video %0.0f, audio %0.0f bits/s\n", double(probe.videoBitRate),
+                 double(probe.audioBitRate));
+    Console::out(L"gyro data: %ls\n", probe.hasGyroData ? L"yes" : L"no");
+    if (!probe.creatorTool.empty())
+        Console::out(L"creator tool: %ls\n", wide(probe.creatorTool).c_str());
+}
+
 int usage()
 {
     Console::out(L"usage: Inspect movie.mp4\n");
@@ -302,11 +325,7 @@ int main(int argc, char** argv)
     section(L"box tree");
     container.dump();
 
-    section(L"probe");
-    // The source probe's findings go here: MetaProbe::probe(path) prints its
-    // own lines. It is not part of this build yet.
-    Console::out(L"(source probe not available)\n");
-
+    showProbe(path);
     showMakerNote(container);
     showGPS(container);
     showView(container);

@@ -35,6 +35,7 @@ TEST(Inspect, ShowsBoxesPositionAndSensorStreams)
     EXPECT_TRUE(has(out, "MP4: <'ftyp': start=0 bytes=24 >\n")) << out;
     EXPECT_TRUE(has(out, "MP4:     <'mvhd': start=32 bytes=108 timeStamp=0 timeScale=1000 duration=2000 >\n")) << out;
     EXPECT_TRUE(has(out, "QMKN not found.\n")) << out;
+    EXPECT_TRUE(has(out, "frame: no decodable video track\n")) << out;
     EXPECT_TRUE(has(out, "latitude: 35.658600\n")) << out;
     EXPECT_TRUE(has(out, "longitude: 139.745400\n")) << out;
     EXPECT_TRUE(has(out, "no Spherical Video XML.\n")) << out;
@@ -52,6 +53,9 @@ TEST(Inspect, CameraMovieShowsMakerNoteViewAndEveryStream)
 {
     std::string out;
     ASSERT_EQ(inspect(sharedMovie("--sph-heading 30 --sensor-endian big"), out), 0) << out;
+    EXPECT_TRUE(has(out, "source movie model: NARVI ORVEX V (20001)\n")) << out;
+    EXPECT_TRUE(has(out, "H.264 detected.\n")) << out;
+    EXPECT_TRUE(has(out, "frame: 960x480 at 30.000 fps\n")) << out;
     EXPECT_TRUE(has(out, "model: NARVI ORVEX V\n")) << out;
     EXPECT_TRUE(has(out, "projectionType: 1\n")) << out;
     EXPECT_TRUE(has(out, "zenith: roll 1.500000, pitch -2.250000\n")) << out;
