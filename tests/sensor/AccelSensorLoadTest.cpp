@@ -217,13 +217,6 @@ TEST(SensorMovieLoad, CompassMustCoverEveryGravityRecord)
             EXPECT_EQ(e.getSamples()[i].orientation, i % 2 == 0 ? 0 : 9000) << i;
     }
     {
-        Movie m(build(10, 0));
-        Embed e;
-        std::string printed;
-        EXPECT_FALSE(loadMovie(e, m.container, 1, &printed));
-        EXPECT_NE(printed.find("  QDTC:   0\n"), std::string::npos);
-    }
-    {
         // Count 0 in the gravity box: nothing to build.
         Movie m(cat({yawBox(), sensorBox("QDTD", 16, 0, {}), compassBox({compassRecord(0, 1, 0, 0)})}));
         Embed e;
@@ -497,16 +490,6 @@ TEST(SensorDecisions, UpsideDownCameraIsReversed)
     EXPECT_GT(e.downWeight, 0.0f);
     EXPECT_EQ(printed.substr(0, printed.find('\n') + 1),
               "rev-up/down: [P]200000.000000, [N]:" + std::to_string(e.downWeight) + " -> Y\n");
-}
-
-TEST(SensorDecisions, OnlyGravityNearTheYAxisVotes)
-{
-    Embed e;
-    // 45 degrees off the y axis: no vote either way.
-    loadRaw(e, rawStream({2}, {{10000, 10000, 0}, {0, -10000, 10000}}), false);
-    EXPECT_EQ(e.upWeight, 0.0f);
-    EXPECT_EQ(e.downWeight, 0.0f);
-    EXPECT_FALSE(e.isReversed());
 }
 
 TEST(SensorDecisions, FrontReversedWhenTheScoreIsNegative)
