@@ -96,18 +96,7 @@ void MetaBuilder::progress(unsigned step)
 static std::string payloadText(MP4::Container& c, const MP4::BOX& b, uint64_t maxBytes)
 {
     std::string text;
-    uint64_t n = b.payloadSize();
-    if (n > maxBytes)
-        return text;
-    c.open([&](GLTK::FileIO& f) {
-        MP4::BinFile v(f);
-        if (!v.seek_set(static_cast<int64_t>(b.payloadStart())))
-            return;
-        v.limit = b.end();
-        text.resize(n);
-        if (!v.readBytes(text.data(), n))
-            text.clear();
-    });
+    c.readPayload(b, maxBytes, text);
     return text;
 }
 
