@@ -1,0 +1,222 @@
+#include "MetaProbe.h"
+
+#include "GLTKConsole.h"
+#include "GLTKVideoReader.h"
+#include "GLTKwchar.h"
+#include "MetaBuilder.h"
+
+#include <regex>
+
+void MetaProbe::init()
+{
+    cameraVersion = 0;
+    frameRate = 0;
+    width = height = 0;
+    codec = 0;
+    orvex.clear();
+    sphericalXml.clear();
+    stitchingSoftware.clear();
+    xmp.clear();
+    creatorTool.clear();
+    hasGyroData = false;
+    duration = 0;
+    audioBitRate = 0;
+    videoBitRate = 0;
+    videoQuality = 0;
+}
+
+bool MetaProbe::probe(const std::wstring& path)
+{
+    init();
+    MP4::Container c;
+    if (!c.attach(path))
+        return false;
+    readModel(c);
+    readQMKN(c);
+    readCodec(c);
+    readSphericalXML(c);
+    readXMP(c);
+    detectGyroData(c);
+    detect_movie(path);
+    detectBitRate(c);
+    return width >= 1;
+}
+
+// The payload of a box as bytes, bounded by the box and by maxBytes.
+static std::string payloadOf(MP4::Container& c, const MP4::BOX& b, uint64_t maxBytes)
+{
+    std::string bytes;
+    uint64_t n = b.payloadSize();
+    if (n > maxBytes)
+        return bytes;
+    c.open([&](GLTK::FileIO& f) {
+        MP4::BinFile v(f);
+        if (!v.seek_set(static_cast<int64_t>(b.payloadStart())))
+            return;
+        bytes.resize(n);
+        if (!v.readBytes(bytes.data(), n))
+            bytes.clear();
+    });
+    return bytes;
+}
+
+void MetaProbe::readModel(MP4::Container& c)
+{
+    MP4::BOX* mod = c.first("moov.udta.@mod");
+    if (mod == nullptr || mod->size < 9)
+        return;
+    std::string text = payloadOf(c, *mod, 4096);
+    cameraVersion = MetaBuilder::camera_version(text);
+    GLTK::Console::out(L"source movie model: %ls (%x)\n", GLTK::wchar::mbs2wcs(text).c_str(), cameraVersion);
+}
+
+void MetaProbe::readQMKN(MP4::Container& c)
+{
+    MP4::BOX* q = c.first("moov.udta.QMKN");
+    if (q == nullptr) {
+        GLTK::Console::out(L"QMKN not found.\n");
+        return;
+    }
+    if (q->size < 9)
+        return;
+    std::string bytes = payloadOf(c, *q, 16 << 20);
+    try {
+        ExifParser parser;
+        parser.attachQMKN(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+        parser.readOREVX(orvex);
+        GLTK::Console::out(L"source movie panoramaImageType: %d\n", static_cast<int>(orvex.projectionType));
+    } catch (...) {
+        GLTK::Console::out(L"EXIF can't read.\n");
+    }
+}
+
+void MetaProbe::readCodec(MP4::Container& c)
+{
+    codec = 0;
+    if (c.first("moov.trak.mdia.minf.stbl.stsd.avc1")) {
+        codec = 1;
+        GLTK::Console::out(L"H.264 detected.\n");
+    }
+    c.find("moov.trak.mdia.minf.stbl.stsd", [&](MP4::BOX& stsd) {
+        for (MP4::BOX* e : static_cast<MP4::NestedBox&>(stsd).children) {
+            if (e->is("hvc1")) {
+                codec = 2;
+                GLTK::Console::out(L"H.265/HEVC detected(hvc1).\n");
+            } else if (e->is("hev1")) {
+                codec = 2;
+                GLTK::Console::out(L"H.265/HEVC detected(hev1).\n");
+            }
+        }
+        return true;
+    });
+    if (codec == 0)
+        GLTK::Console::out(L"Unknown codec.\n");
+}
+
+void MetaProbe::readSphericalXML(MP4::Container& c)
+{
+    bool done = false;
+    c.find("moov.trak.uuid", [&](MP4::BOX& b) {
+        auto& u = static_cast<MP4::UUID&>(b);
+        if (done || !u.hasUserType(MP4::SphericalXML::_UUID))
+            return true;
+        done = true;
+        sphericalXml = u.payload.toString();
+        static const std::regex re("<GSpherical:StitchingSoftware> *(.+) *</GSpherical:StitchingSoftware>");
+        std::smatch m;
+        if (std::regex_search(sphericalXml, m, re))
+            stitchingSoftware = m[1].str();
+        return false;
+    });
+}
+
+void MetaProbe::readXMP(MP4::Container& c)
+{
+    c.find("uuid", [&](MP4::BOX& b) {
+        auto& u = static_cast<MP4::UUID&>(b);
+        if (!u.hasUserType(MP4::XMP::_UUID))
+            return true;
+        xmp = u.payload.toString();
+        static const std::regex re("<x:CreatorTool> *(.+) *</x:CreatorTool>");
+        std::smatch m;
+        if (std::regex_search(xmp, m, re))
+            creatorTool = m[1].str();
+        return false;
+    });
+}
+
+void MetaProbe::detectGyroData(MP4::Container& c)
+{
+    MP4::BOX* b = c.first("moov.udta.QDTB");
+    hasGyroData = b != nullptr && b->size >= 25;
+}
+
+void MetaProbe::detect_movie(const std::wstring& path)
+{
+    GLTK::Size size;
+    GLTK::MediaTime length;
+    float rate = 0;
+    if (GLTKVideoReader::describeSource(GLTK::wchar::narrow(path), size, length, rate, nullptr)) {
+        width = size.width;
+        height = size.height;
+        frameRate = rate;
+    }
+}
+
+void MetaProbe::detectBitRate(MP4::Container& c)
+{
+    if (MP4::BOX* m = c.first("moov.mvhd"))
+        duration = static_cast<float>(static_cast<MP4::MVHD*>(m)->seconds());
+    c.find("moov.trak", [&](MP4::BOX& trak) {
+        auto& t = static_cast<MP4::NestedBox&>(trak);
+        auto* tkhd = static_cast<MP4::TKHD*>(t.first("tkhd"));
+        auto* stsz = static_cast<MP4::STSZ*>(t.first("mdia.minf.stbl.stsz"));
+        bool video = tkhd != nullptr && tkhd->width >= 1;
+        float rate = static_cast<float>(stsz ? stsz->totalBytes : 0) * 8.0f / duration;
+        if (video && videoBitRate == 0)
+            videoBitRate = rate;
+        else if (audioBitRate == 0)
+            audioBitRate = rate;
+        else
+            GLTK::Console::out(L"3rd(or more) track is found.\n");
+        return true;
+    });
+    // The quality class: the camera records some sizes at two rates; a source
+    // below the middle of them is the lower-rate kind.
+    videoQuality = 0;
+    if (width >= 1921)
+        videoQuality = videoBitRate < 44000000.0f ? 1 : 0;
+    else if (frameRate > 29.0f)
+        videoQuality = videoBitRate < 12000000.0f ? 1 : 0;
+}
+
+uint32_t MetaProbe::default_bitrate(int w, bool hevc) const
+{
+    static const uint32_t bitRates[] = {56000, 32000, 16000, 8000};
+    if (w <= 0)
+        w = width;
+    {
+        GLTK::Console::LocaleC c;
+        GLTK::Console::out(L"detect default bitrate: %d/%0.2ffps, videoQuality:%d, hevc:%d\n", w,
+                           static_cast<double>(frameRate), videoQuality, hevc ? 1 : 0);
+    }
+    uint32_t rate;
+    if (w >= 1921) {
+        rate = (videoQuality == 1 ? bitRates[1] : bitRates[0]) * 1000;
+        if (hevc)
+            rate /= 2;
+    } else if (frameRate > 29.0f) {
+        rate = (videoQuality == 1 ? bitRates[3] : bitRates[2]) * 1000;
+        if (hevc)
+            rate /= 2;
+    } else if (w >= 1281) {
+        rate = 8192000;
+        if (hevc)
+            rate >>= 1;
+    } else {
+        rate = 6000000;
+        if (hevc)
+            rate >>= 1;
+    }
+    return rate;
+}
