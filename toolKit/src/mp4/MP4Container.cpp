@@ -322,36 +322,34 @@ bool Container::updateTimeStamp(uint64_t t)
     return opened && ok;
 }
 
-bool Container::replaceUdta(uint64_t /*reserved*/, const ByteArray& udta)
+bool Container::replaceUdta(uint64_t tail, const ByteArray& udta)
 {
     if (moov == nullptr)
         return false;
     const NestedBox& m = static_cast<const NestedBox&>(*moov);
     const BOX* old = m.first("udta");
-    const uint64_t newLength = udta.length;
-    Edit write = [&](BinFile& dst) { return dst.write(udta.data, udta.length) == udta.length; };
+    const uint64_t fileLength = root->size;
+    SpliceEdit edit;
+    edit.require(clippedEnd(*moov, fileLength) == moov->end());
     if (old != nullptr) {
-        const int64_t delta = static_cast<int64_t>(newLength) - static_cast<int64_t>(old->size);
-        FixUp fix1 = [&](Container& c, BinFile& f) {
-            return c.moov != nullptr && c.moov->writeSize(f, c.moov->size + static_cast<uint64_t>(delta));
-        };
-        FixUp fix2 = [&](Container& c, BinFile& f) {
-            // Media after moov moves with it.
-            bool after = c.mdat && c.moov && c.mdat->start > c.moov->start;
-            return !after || delta == 0 || c.modifySTCOIndex(f, delta);
-        };
-        return insertBox(L"replaceUdta_Replace", *old, true, write, fix1, fix2);
+        const int64_t delta = static_cast<int64_t>(udta.length) - static_cast<int64_t>(old->size);
+        edit.require(clippedEnd(*old, fileLength) == old->end());
+        edit.add(Splice::bytes(old->start, old->size, udta));
+        edit.resize(*moov, delta);
+        return edit.run(*this, L"replaceUdta_Replace");
     }
     if (m.children.size() < 3)
         return false;
-    FixUp fix1 = [&](Container& c, BinFile& f) {
-        return c.moov != nullptr && c.moov->writeSize(f, c.moov->size + newLength);
-    };
-    FixUp fix2 = [&](Container& c, BinFile& f) {
-        bool after = c.mdat && c.moov && c.mdat->start > c.moov->start;
-        return !after || c.modifySTCOIndex(f, static_cast<int64_t>(newLength));
-    };
-    return insertBox(L"replaceUdta_Append", *m.children.back(), false, write, fix1, fix2);
+    const BOX& last = *m.children.back();
+    // The new box goes between two children, never into one.
+    const uint64_t at = last.end() - std::min(tail, last.end());
+    bool boundary = at == last.end();
+    for (const BOX* child : m.children)
+        boundary = boundary || child->start == at;
+    edit.require(last.end() <= moov->end() && boundary);
+    edit.add(Splice::bytes(at, 0, udta));
+    edit.resize(*moov, static_cast<int64_t>(udta.length));
+    return edit.run(*this, L"replaceUdta_Append");
 }
 
 } // namespace MP4

@@ -51,7 +51,11 @@ public:
     bool modifySpatialTrakSTCOIndex(BinFile& file, int64_t delta);
     bool moovFirst();
     bool updateTimeStamp(uint64_t t);
-    bool replaceUdta(uint64_t reserved, const ByteArray& udta);
+    // Puts a complete udta box (header included) into moov: in place of the
+    // existing moov.udta, or appended to moov when there is none, `tail`
+    // bytes before the end of moov's last child (0: as moov's last child).
+    // Sizes of moov and every offset behind the change follow.
+    bool replaceUdta(uint64_t tail, const ByteArray& udta);
 
     // -- metadata appenders
     bool appendXMP(const std::string& xmp);
