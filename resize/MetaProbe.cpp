@@ -42,21 +42,10 @@ bool MetaProbe::probe(const std::wstring& path)
     return width >= 1;
 }
 
-// The payload of a box as bytes, bounded by the box and by maxBytes.
 static std::string payloadOf(MP4::Container& c, const MP4::BOX& b, uint64_t maxBytes)
 {
     std::string bytes;
-    uint64_t n = b.payloadSize();
-    if (n > maxBytes)
-        return bytes;
-    c.open([&](GLTK::FileIO& f) {
-        MP4::BinFile v(f);
-        if (!v.seek_set(static_cast<int64_t>(b.payloadStart())))
-            return;
-        bytes.resize(n);
-        if (!v.readBytes(bytes.data(), n))
-            bytes.clear();
-    });
+    c.readPayload(b, maxBytes, bytes);
     return bytes;
 }
 

@@ -238,4 +238,33 @@ TEST(MetadataAppend, GpsMetaFromAWrongPlaceIsRefused)
     }
 }
 
+TEST(MetadataAppend, UdtaAppendedBeforeATailOnlyAtABoxBoundary)
+{
+    TempDir dir;
+    Layout l = movie(true);
+    writeFile(dir / "m.mp4", l.file);
+    Bytes udta = box("udta", box("@mod", text("NARVI ORVEX SC")));
+    ByteArray bytes(udta.data(), udta.size());
+    MP4::Container c;
+    ASSERT_TRUE(c.attach(w(dir / "m.mp4")));
+    auto traks = findAll(l.file, "moov.trak");
+    // In the middle of the last track: refused, nothing written.
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(c.replaceUdta(10, bytes));
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("replaceUdta_Append("), std::string::npos);
+    EXPECT_EQ(readFile(dir / "m.mp4"), l.file);
+    // In front of the last track.
+    ASSERT_TRUE(c.replaceUdta(traks[1].size, bytes));
+    Bytes f = readFile(dir / "m.mp4");
+    auto u = findOne(f, "moov.udta");
+    ASSERT_TRUE(u);
+    EXPECT_EQ(u->start, traks[1].start);
+    EXPECT_EQ(findAll(f, "moov.trak")[1].start, traks[1].start + udta.size());
+    EXPECT_EQ(findOne(f, "moov")->size, findOne(l.file, "moov")->size + udta.size());
+    std::vector<uint64_t> before = chunkOffsets(l.file), after = chunkOffsets(f);
+    for (size_t i = 0; i < before.size(); ++i)
+        EXPECT_EQ(after[i], before[i] + udta.size());
+    expectMediaIntact(f, l);
+}
+
 } // namespace

@@ -96,18 +96,7 @@ void MetaBuilder::progress(unsigned step)
 static std::string payloadText(MP4::Container& c, const MP4::BOX& b, uint64_t maxBytes)
 {
     std::string text;
-    uint64_t n = b.payloadSize();
-    if (n > maxBytes)
-        return text;
-    c.open([&](GLTK::FileIO& f) {
-        MP4::BinFile v(f);
-        if (!v.seek_set(static_cast<int64_t>(b.payloadStart())))
-            return;
-        v.limit = b.end();
-        text.resize(n);
-        if (!v.readBytes(text.data(), n))
-            text.clear();
-    });
+    c.readPayload(b, maxBytes, text);
     return text;
 }
 
@@ -407,6 +396,33 @@ static MP4::BOX* spatialBox(MP4::Container& c)
     return found;
 }
 
+// The first chunk offset of the spatial-audio track, and the payload start
+// of its QADT box.
+static bool spatialAnchor(MP4::Container& c, uint64_t& firstChunk, uint64_t& payloadStart)
+{
+    MP4::BOX* box = spatialBox(c);
+    if (box == nullptr)
+        return false;
+    MP4::BOX* qadt = static_cast<MP4::NestedBox*>(box)->first("QADT");
+    MP4::STCO* table = static_cast<MP4::STCO*>(c.first("uuid.QATR.mdia.minf.stbl.co64"));
+    unsigned entry = 8;
+    if (table == nullptr) {
+        table = static_cast<MP4::STCO*>(c.first("uuid.QATR.mdia.minf.stbl.stco"));
+        entry = 4;
+    }
+    if (qadt == nullptr || table == nullptr || table->entriesInBox(entry) == 0)
+        return false;
+    payloadStart = qadt->start + 8;
+    bool read = false;
+    c.open([&](GLTK::FileIO& f) {
+        MP4::BinFile v(f);
+        if (v.seek_set(static_cast<int64_t>(table->firstEntry)))
+            firstChunk = entry == 8 ? v.read64() : v.read32();
+        read = true;
+    });
+    return read;
+}
+
 bool MetaBuilder::copySpatialData(MP4::Container& source, MP4::Container& output)
 {
     MP4::BOX* box = spatialBox(source);
@@ -414,9 +430,14 @@ bool MetaBuilder::copySpatialData(MP4::Container& source, MP4::Container& output
         return true;
     const uint64_t offset = box->start, length = box->size;
     if (MP4::BOX* already = spatialBox(output)) {
-        // Copied with the rest of the source; repoint it if the moov edits
-        // moved it.
-        return already->start == offset || output.overwriteSpatialDataOffset(offset);
+        // The box came along with the rest of the source. Whatever the moov
+        // edits did to it, make its chunk offsets lie where they lay in the
+        // source relative to the QADT payload, and the QDT9 pointer name it.
+        uint64_t srcFirst = 0, srcPayload = 0, outFirst = 0, outPayload = 0;
+        if (!spatialAnchor(source, srcFirst, srcPayload) || !spatialAnchor(output, outFirst, outPayload))
+            return already->start == offset || output.overwriteSpatialDataOffset(offset);
+        const int64_t needed = static_cast<int64_t>(outPayload + (srcFirst - srcPayload) - outFirst);
+        return output.overwriteSpatialDataOffset(already->start - static_cast<uint64_t>(needed));
     }
     bool ok = false;
     source.open([&](GLTK::FileIO& f) {

@@ -1,6 +1,7 @@
 #include "MP4Container.h"
 
 #include "GLTKConsole.h"
+#include "MP4Splice.h"
 
 #include <algorithm>
 #include <cstring>
@@ -81,6 +82,25 @@ bool Container::isMdatFirst() const
             return !moovSeen;
     }
     return false;
+}
+
+bool Container::readPayload(const BOX& b, uint64_t maxBytes, std::string& out) const
+{
+    out.clear();
+    uint64_t n = b.payloadSize();
+    if (n > maxBytes)
+        return false;
+    bool ok = false;
+    open([&](GLTK::FileIO& f) {
+        BinFile v(f);
+        if (!v.seek_set(static_cast<int64_t>(b.payloadStart())))
+            return;
+        out.resize(n);
+        ok = v.readBytes(out.data(), n);
+        if (!ok)
+            out.clear();
+    });
+    return ok;
 }
 
 void Container::dump() const
@@ -199,31 +219,10 @@ bool Container::modifyBoxSize(BinFile& file, const BOX& box, int64_t delta)
     return ok;
 }
 
-// Adds delta to every entry of one chunk-offset table, a block at a time.
+// Adds delta to every entry of one chunk-offset table (32-bit entries wrap).
 static bool shiftOffsets(BinFile& file, const STCO& table, unsigned entrySize, int64_t delta)
 {
-    uint64_t count = table.entriesInBox(entrySize);
-    uint64_t pos = table.firstEntry;
-    std::vector<uint8_t> buf(64 * 1024);
-    const uint64_t perBlock = buf.size() / entrySize;
-    while (count > 0) {
-        uint64_t n = std::min(count, perBlock);
-        uint64_t bytes = n * entrySize;
-        if (!file.seek_set(static_cast<int64_t>(pos)) || file.read(buf.data(), bytes) != bytes)
-            return false;
-        for (uint64_t i = 0; i < n; ++i) {
-            uint8_t* p = buf.data() + i * entrySize;
-            if (entrySize == 4)
-                put32be(p, static_cast<uint32_t>(be32(p) + static_cast<uint64_t>(delta)));
-            else
-                put64be(p, be64(p) + static_cast<uint64_t>(delta));
-        }
-        if (!file.seek_set(static_cast<int64_t>(pos)) || file.write(buf.data(), bytes) != bytes)
-            return false;
-        pos += bytes;
-        count -= n;
-    }
-    return true;
+    return remapTable(file, table, entrySize, [delta](uint64_t x) { return x + static_cast<uint64_t>(delta); });
 }
 
 static bool shiftTables(Container& c, BinFile& file, const std::string& prefix, int64_t delta)
@@ -323,36 +322,34 @@ bool Container::updateTimeStamp(uint64_t t)
     return opened && ok;
 }
 
-bool Container::replaceUdta(uint64_t /*reserved*/, const ByteArray& udta)
+bool Container::replaceUdta(uint64_t tail, const ByteArray& udta)
 {
     if (moov == nullptr)
         return false;
     const NestedBox& m = static_cast<const NestedBox&>(*moov);
     const BOX* old = m.first("udta");
-    const uint64_t newLength = udta.length;
-    Edit write = [&](BinFile& dst) { return dst.write(udta.data, udta.length) == udta.length; };
+    const uint64_t fileLength = root->size;
+    SpliceEdit edit;
+    edit.require(clippedEnd(*moov, fileLength) == moov->end());
     if (old != nullptr) {
-        const int64_t delta = static_cast<int64_t>(newLength) - static_cast<int64_t>(old->size);
-        FixUp fix1 = [&](Container& c, BinFile& f) {
-            return c.moov != nullptr && c.moov->writeSize(f, c.moov->size + static_cast<uint64_t>(delta));
-        };
-        FixUp fix2 = [&](Container& c, BinFile& f) {
-            // Media after moov moves with it.
-            bool after = c.mdat && c.moov && c.mdat->start > c.moov->start;
-            return !after || delta == 0 || c.modifySTCOIndex(f, delta);
-        };
-        return insertBox(L"replaceUdta_Replace", *old, true, write, fix1, fix2);
+        const int64_t delta = static_cast<int64_t>(udta.length) - static_cast<int64_t>(old->size);
+        edit.require(clippedEnd(*old, fileLength) == old->end());
+        edit.add(Splice::bytes(old->start, old->size, udta));
+        edit.resize(*moov, delta);
+        return edit.run(*this, L"replaceUdta_Replace");
     }
     if (m.children.size() < 3)
         return false;
-    FixUp fix1 = [&](Container& c, BinFile& f) {
-        return c.moov != nullptr && c.moov->writeSize(f, c.moov->size + newLength);
-    };
-    FixUp fix2 = [&](Container& c, BinFile& f) {
-        bool after = c.mdat && c.moov && c.mdat->start > c.moov->start;
-        return !after || c.modifySTCOIndex(f, static_cast<int64_t>(newLength));
-    };
-    return insertBox(L"replaceUdta_Append", *m.children.back(), false, write, fix1, fix2);
+    const BOX& last = *m.children.back();
+    // The new box goes between two children, never into one.
+    const uint64_t at = last.end() - std::min(tail, last.end());
+    bool boundary = at == last.end();
+    for (const BOX* child : m.children)
+        boundary = boundary || child->start == at;
+    edit.require(last.end() <= moov->end() && boundary);
+    edit.add(Splice::bytes(at, 0, udta));
+    edit.resize(*moov, static_cast<int64_t>(udta.length));
+    return edit.run(*this, L"replaceUdta_Append");
 }
 
 } // namespace MP4

@@ -36,6 +36,9 @@ public:
     bool open(const std::function<void(GLTK::FileIO&)>& action) const;
     bool open_a(const std::function<void(GLTK::FileIO&)>& action) const;
     bool isMdatFirst() const;
+    // The payload of a box (after its header), when it holds at most
+    // maxBytes and lies inside the file.
+    bool readPayload(const BOX& b, uint64_t maxBytes, std::string& out) const;
     void dump() const;
 
     // -- edits
@@ -48,7 +51,11 @@ public:
     bool modifySpatialTrakSTCOIndex(BinFile& file, int64_t delta);
     bool moovFirst();
     bool updateTimeStamp(uint64_t t);
-    bool replaceUdta(uint64_t reserved, const ByteArray& udta);
+    // Puts a complete udta box (header included) into moov: in place of the
+    // existing moov.udta, or appended to moov when there is none, `tail`
+    // bytes before the end of moov's last child (0: as moov's last child).
+    // Sizes of moov and every offset behind the change follow.
+    bool replaceUdta(uint64_t tail, const ByteArray& udta);
 
     // -- metadata appenders
     bool appendXMP(const std::string& xmp);

@@ -59,7 +59,7 @@ uint64_t clippedEnd(const BOX& box, uint64_t fileLength)
 }
 
 // Rewrites one chunk-offset table through map, a block at a time.
-static bool remapTable(BinFile& file, const STCO& table, unsigned entrySize,
+bool remapTable(BinFile& file, const STCO& table, unsigned entrySize,
                        const std::function<uint64_t(uint64_t)>& map)
 {
     uint64_t end = clippedEnd(table, file.length());

@@ -62,6 +62,10 @@ private:
 // The end of the box, cut at the end of each ancestor and of the file.
 uint64_t clippedEnd(const BOX& box, uint64_t fileLength);
 
+// Rewrites every entry of one stco (entrySize 4) or co64 (8) table through
+// map, a block at a time; entries past the box are left alone.
+bool remapTable(BinFile& file, const STCO& table, unsigned entrySize, const std::function<uint64_t(uint64_t)>& map);
+
 // Moves every offset that the file holds into itself (chunk offsets of the
 // tracks and of the spatial-audio track, the QDT9 pointer) through map.
 bool remapFileOffsets(Container& c, BinFile& file, const std::function<uint64_t(uint64_t)>& map);

@@ -1,16 +1,13 @@
 #include "SensorStreamBoxes.h"
 
 #include "AccelSensorStreamEmbed.h"
+#include "MP4Splice.h"
 
 namespace SensorStream {
 
 uint64_t boxBytesAvailable(const MP4::BOX& box, uint64_t fileLength)
 {
-    uint64_t end = std::min(box.end() < box.start ? UINT64_MAX : box.end(), fileLength);
-    for (const MP4::BOX* p = box.parent; p != nullptr; p = p->parent)
-        if (p->end() >= p->start) // a size that wraps around says nothing
-            end = std::min(end, p->end());
-    return end > box.start ? end - box.start : 0;
+    return MP4::clippedEnd(box, fileLength) - box.start;
 }
 
 bool trimSensorBox(uint8_t* box, uint64_t boxSize, unsigned recordSize, uint32_t first, uint32_t count)
