@@ -414,9 +414,13 @@ bool MetaBuilder::copySpatialData(MP4::Container& source, MP4::Container& output
         return true;
     const uint64_t offset = box->start, length = box->size;
     if (MP4::BOX* already = spatialBox(output)) {
-        // Copied with the rest of the source; repoint it if the moov edits
-        // moved it.
-        return already->start == offset || output.overwriteSpatialDataOffset(offset);
+        // Copied with the rest of the source. The edits that moved it (a
+        // larger Spherical Video box in a moov in front of it) have already
+        // remapped its track's chunk offsets, but the udta taken over from the
+        // source brought back the source's QDT9 pointer. Only that pointer is
+        // set again: the track must not be shifted a second time, so the box's
+        // own place is given as the old one.
+        return already->start == offset || output.overwriteSpatialDataOffset(already->start);
     }
     bool ok = false;
     source.open([&](GLTK::FileIO& f) {
