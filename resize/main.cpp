@@ -86,6 +86,8 @@ int main(int argc, char** argv)
     // SIGTERM (Resize -kill:PID) and Ctrl-C stop the run between two steps.
     GLTK::installCancelHandlers();
     status = run(argc, args);
-    Utility::printElapsed(start);
+    // A failed run ends with the usage text; only a finished one is timed.
+    if (status == 0)
+        Utility::printElapsed(start);
     return status;
 }
