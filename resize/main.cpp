@@ -113,6 +113,10 @@ int main(int argc, char** argv)
     int status = 0;
     if (Utility::kill(argc, args, status))
         return status;
+    if (int word = Utility::firstUnreadableArgument(argc, argv)) {
+        GLTK::Console::out(L"argument %d is not readable text in this locale.\n", word);
+        return 1;
+    }
     auto start = std::chrono::steady_clock::now();
     // SIGTERM (Resize -kill:PID) and Ctrl-C stop the run between two steps.
     GLTK::installCancelHandlers();
