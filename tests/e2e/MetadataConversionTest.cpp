@@ -656,7 +656,7 @@ TEST(MetaE2EFailures, FailedStagesPrintTheirLineAndTheUsage)
         MetaE2ERun r(kMetaE2ENewerMoovFirst, "", "out/output.mp4", "an earlier result");
         EXPECT_EQ(r.status, 1);
         EXPECT_NE(r.text.find("updateMeta failed.\n"), std::string::npos) << r.text;
-        EXPECT_EQ(asText(readFile(r.output)), "an earlier result");
+        EXPECT_TRUE(asText(readFile(r.output)) == "an earlier result") << "the earlier output was replaced";
         expectSourceKept(r);
     }
 }
@@ -705,6 +705,24 @@ TEST(MetaE2ESafety, OutputNamingTheSourceIsRefusedBeforeAnythingIsWritten)
         EXPECT_TRUE(fs::exists(dir.path() / "links" / "hard.mp4"));
         EXPECT_EQ(leftovers(dir.path()), "");
     }
+}
+
+TEST(MetaE2ESafety, OutputNameThatIsNotTextIsRefusedRatherThanCut)
+{
+    // "out\xe9.mp4" is no UTF-8 text; cut at the bad byte it would name the
+    // file "out" that stands beside it.
+    TempDir dir;
+    fs::path source = copyMovie(kMetaE2EOlderFull, dir.path() / "source.mp4");
+    writeFile(dir.path() / "out", {'k', 'e', 'e', 'p'});
+    std::string text;
+    EXPECT_EQ(run("cd " + q(dir.path()) + " && " + resizeCommand() + " source.mp4 \"$(printf 'out\\351.mp4')\"", &text),
+              1);
+    EXPECT_EQ(text, "argument 2 is not readable text in this locale.\n");
+    EXPECT_TRUE(asText(readFile(dir.path() / "out")) == "keep") << "the file \"out\" was overwritten";
+    size_t files = 0;
+    for (const auto& e : fs::directory_iterator(dir.path()))
+        files += e.is_regular_file() ? 1 : 0;
+    EXPECT_EQ(files, 2u);
 }
 
 } // namespace
