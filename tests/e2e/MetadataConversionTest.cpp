@@ -28,6 +28,9 @@ const std::string kMetaE2EOlderFull = "--model older --mdat-largesize";
 const std::string kMetaE2EOlderBare = "--model older --layout moov-first --co64 --gps=-33.8568+151.2153+005.000/ "
                                       "--no-xmp --no-sph --no-axis --no-meta --no-thumb --no-qmkn --no-sensors "
                                       "--loci bad --creation-time 1262304000";
+// An older camera movie with a box between mdat and moov (spatial data, which
+// these cameras do not record themselves, stands in for any such box).
+const std::string kMetaE2EOlderBetween = "--model older --spatial after-mdat";
 // A newer camera as it records: media first, spatial data right behind mdat;
 // its maker note says "not equirectangular" and carries unusual correction
 // modes, and its Spherical XML holds an initial view.
@@ -425,6 +428,20 @@ TEST(MetaE2EOlder, MoovFirstMovieWithoutOptionalBoxesGetsNewMetadata)
     EXPECT_EQ(exifValue(tags, "XMP-GSpherical:ProjectionType"), "equirectangular");
     EXPECT_EQ(exifValue(tags, "XMP-GSpherical:StitchingSoftware"), "NARVI ORVEX::Stratomix");
     EXPECT_EQ(payload(r.output, kMetaE2ESpherical).size(), 1000u);
+}
+
+TEST(MetaE2EOlder, BoxBetweenMdatAndMoovDoesNotThrowTheChunkOffsetsOff)
+{
+    // Moving moov in front of mdat also puts that box in front of moov, so
+    // the media data moves by more than moov's size.
+    MetaE2ERun r(kMetaE2EOlderBetween);
+    expectSoundConversion(r); // also the spatial chunks and the QDT9 pointer
+    if (HasFatalFailure())
+        return;
+    std::vector<std::string> top = topLevel(boxList(r.output));
+    EXPECT_LT(indexOf(top, "uuid"), indexOf(top, "moov"));
+    EXPECT_LT(indexOf(top, "moov"), indexOf(top, "mdat"));
+    EXPECT_LT(indexOf(top, "mdat"), top.size());
 }
 
 // ---------------------------------------------------------------- newer cameras
