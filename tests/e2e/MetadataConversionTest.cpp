@@ -9,9 +9,7 @@
 #include <cmath>
 #include <gtest/gtest.h>
 #include <map>
-#include <memory>
 #include <sstream>
-#include <unistd.h>
 
 using namespace testsupport;
 
@@ -19,7 +17,8 @@ namespace {
 
 // The camera movies (make_movie.py options). Each is built once and shared.
 //
-// An older camera (code below 0x20001), media first, with every box it writes.
+// An older camera (code below 0x20001), media first behind a 64-bit mdat
+// header, with every box it writes.
 const std::string kMetaE2EOlderFull = "--model older --mdat-largesize";
 // An older camera, moov first with co64 chunk tables and a position south of
 // the equator, without XMP, Spherical XML, axis, GPS meta, thumbnail, maker
