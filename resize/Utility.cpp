@@ -28,6 +28,15 @@ std::vector<std::wstring> convertArguments(int argc, const char* const* argv)
     return out;
 }
 
+int firstUnreadableArgument(int argc, const char* const* argv)
+{
+    int n = std::min(argc, kMaxArguments);
+    for (int i = 1; i < n; ++i)
+        if (mbstowcs(nullptr, argv[i], 0) == static_cast<size_t>(-1))
+            return i;
+    return 0;
+}
+
 bool kill(int argc, const std::vector<std::wstring>& argv, int& status)
 {
     if (argc != 2 || argv.size() < 2 || argv[1].compare(0, 6, L"-kill:") != 0)

@@ -14,6 +14,11 @@ constexpr int kMaxArguments = 10;
 // characters.
 std::vector<std::wstring> convertArguments(int argc, const char* const* argv);
 
+// The number (1 and up) of the first of the converted words that is not
+// text in the current locale, 0 when all are. Such a word would be cut at its
+// first unreadable byte and name another file than the one meant.
+int firstUnreadableArgument(int argc, const char* const* argv);
+
 // True when the command line is "-kill:PID" (exactly two words); status is
 // then the exit status (0 when SIGTERM could be sent, 1 otherwise).
 bool kill(int argc, const std::vector<std::wstring>& argv, int& status);

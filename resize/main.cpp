@@ -11,14 +11,44 @@
 
 #include <chrono>
 
+#include <sys/stat.h>
+
 namespace {
 
-// Stage failures print their line, then the usage text. Whatever this run
-// wrote to the output is removed: a failed run never leaves a half-written
-// movie that looks finished.
-int fail(const Option& option, bool outputWritten)
+// The output file as it stood before the run.
+struct OutputStamp {
+    bool exists = false;
+    struct stat st {};
+};
+
+OutputStamp stampOf(const std::wstring& path)
 {
-    if (outputWritten)
+    OutputStamp s;
+    s.exists = ::stat(GLTK::FileIO::toNative(path).c_str(), &s.st) == 0;
+    return s;
+}
+
+// True when the run created the output, put another file in its place or
+// wrote to it (which moves its change time).
+bool writtenSince(const OutputStamp& before, const std::wstring& path)
+{
+    OutputStamp now = stampOf(path);
+    if (!now.exists)
+        return false;
+    if (!before.exists)
+        return true;
+    return now.st.st_dev != before.st.st_dev || now.st.st_ino != before.st.st_ino ||
+           now.st.st_size != before.st.st_size || now.st.st_ctim.tv_sec != before.st.st_ctim.tv_sec ||
+           now.st.st_ctim.tv_nsec != before.st.st_ctim.tv_nsec;
+}
+
+// Stage failures print their line, then the usage text. Whatever this run
+// wrote to the output is removed, so that a failed run never leaves a
+// half-written movie that looks finished; a file that the run refused to
+// touch stays as it was.
+int fail(const Option& option, const OutputStamp* before = nullptr)
+{
+    if (before != nullptr && writtenSince(*before, option.outputPath))
         GLTK::FileIO::unlink(option.outputPath);
     option.usage();
     return 1;
@@ -28,18 +58,19 @@ int run(int argc, const std::vector<std::wstring>& args)
 {
     Option option;
     if (!option.parse(argc, args))
-        return fail(option, false);
+        return fail(option);
     if (Utility::isSameFile(option.sourcePath, option.outputPath)) {
         GLTK::Console::out(L"output %ls is the source movie itself.\n", option.outputPath.c_str());
-        return fail(option, false);
+        return fail(option);
     }
+    const OutputStamp before = stampOf(option.outputPath);
 
     uint32_t frames = 0;
     if (option.reEncode) {
         frames = ResizeTranscoder::trim(option);
         if (frames == 0) {
             GLTK::Console::out(L"process(%ls, %ls) failed.\n", option.sourcePath.c_str(), option.outputPath.c_str());
-            return fail(option, true);
+            return fail(option, &before);
         }
     }
     {
@@ -54,7 +85,7 @@ int run(int argc, const std::vector<std::wstring>& args)
         if (option.reEncode && option.probe.cameraVersion >= 0x20001 &&
             !meta.readSpatialData(option.sourcePath, option.start, option.end)) {
             GLTK::Console::out(L"readSpatialData failed.\n");
-            return fail(option, true);
+            return fail(option, &before);
         }
         bool updated = option.reEncode
                            ? meta.updateMeta(option.outputPath, nullptr, Utility::isSupporFullRangePixelFormat())
@@ -62,7 +93,7 @@ int run(int argc, const std::vector<std::wstring>& args)
                                              Utility::isSupporFullRangePixelFormat());
         if (!updated || GLTK::cancelRequested()) {
             GLTK::Console::out(L"updateMeta failed.\n");
-            return fail(option, true);
+            return fail(option, &before);
         }
     }
     if (!option.thumbnailPath.empty()) {
@@ -82,10 +113,16 @@ int main(int argc, char** argv)
     int status = 0;
     if (Utility::kill(argc, args, status))
         return status;
+    if (int word = Utility::firstUnreadableArgument(argc, argv)) {
+        GLTK::Console::out(L"argument %d is not readable text in this locale.\n", word);
+        return 1;
+    }
     auto start = std::chrono::steady_clock::now();
     // SIGTERM (Resize -kill:PID) and Ctrl-C stop the run between two steps.
     GLTK::installCancelHandlers();
     status = run(argc, args);
-    Utility::printElapsed(start);
+    // A failed run ends with the usage text; only a finished one is timed.
+    if (status == 0)
+        Utility::printElapsed(start);
     return status;
 }

@@ -276,7 +276,24 @@ bool Container::moovFirst()
     }
     if (theMoov == nullptr)
         return false;
+    // Where each carried box begins in the new file. In the usual layout
+    // (ftyp, mdat, moov) the media data just moves by moov's size, but a box
+    // between mdat and moov (the spatial data, a free box) moves in front of
+    // moov and takes the media data further along. An offset into no carried
+    // box is shifted by moov's size, as in the usual layout.
     const uint64_t moovSize = theMoov->size;
+    std::vector<uint64_t> newStart;
+    uint64_t at = 0;
+    for (const BOX* b : order) {
+        newStart.push_back(at);
+        at += b->size;
+    }
+    auto map = [&](uint64_t x) {
+        for (size_t i = 0; i < order.size(); ++i)
+            if (x >= order[i]->start && x - order[i]->start < order[i]->size)
+                return newStart[i] + (x - order[i]->start);
+        return x + moovSize;
+    };
     CopyStep copy = [&](BinFile& src, BinFile& dst, uint64_t& split) {
         for (const BOX* b : order)
             if (!b->copyTo(src, dst))
@@ -285,11 +302,9 @@ bool Container::moovFirst()
         return true;
     };
     FixUp nothing = [](Container&, BinFile&) { return true; };
-    FixUp shift = [&](Container& c, BinFile& f) {
-        // A movie without chunk-offset tables has nothing to shift.
-        bool any = c.first("moov.trak.mdia.minf.stbl.stco") || c.first("moov.trak.mdia.minf.stbl.co64");
-        return !any || c.modifySTCOIndex(f, static_cast<int64_t>(moovSize));
-    };
+    // Every offset into a moved box follows it: the tracks' chunks, the
+    // spatial-audio chunks and the QDT9 pointer.
+    FixUp shift = [&](Container& c, BinFile& f) { return remapFileOffsets(c, f, map); };
     return modifyContainer(L"moovFirst", copy, nothing, shift);
 }
 
