@@ -10,6 +10,7 @@
 #include "Utility.h"
 
 #include <chrono>
+#include <cmath>
 
 namespace {
 
@@ -22,6 +23,17 @@ int fail(const Option& option, bool outputWritten)
         GLTK::FileIO::unlink(option.outputPath);
     option.usage();
     return 1;
+}
+
+// The camera records its sensor streams at 30 or 15 entries a second, not
+// one per frame: the frames written are turned into entries so that the cut
+// covers the same time as the video. At 30 or 15 fps (29.97 included) an
+// entry is a frame.
+uint32_t sensorEntries(uint32_t frames, float frameRate, unsigned perSecond)
+{
+    if (!(frameRate > 0.0f) || std::fabs(frameRate - float(perSecond)) < 0.5f)
+        return frames;
+    return static_cast<uint32_t>(std::lround(double(frames) * perSecond / frameRate));
 }
 
 int run(int argc, const std::vector<std::wstring>& args)
@@ -47,7 +59,7 @@ int run(int argc, const std::vector<std::wstring>& args)
         meta.readMeta(option.sourcePath, option.reEncode != 0);
         if (frames != 0) {
             unsigned perSecond = option.probe.frameRate > 29.0f ? 30 : 15;
-            meta.trimStream(option.start * perSecond, frames);
+            meta.trimStream(option.start * perSecond, sensorEntries(frames, option.probe.frameRate, perSecond));
         }
         if (option.viewMode != 0)
             meta.attach(option.viewHeading, option.viewMode == 2);
