@@ -63,8 +63,13 @@ int run(int argc, const std::vector<std::wstring>& args)
         }
         if (option.viewMode != 0)
             meta.attach(option.viewHeading, option.viewMode == 2);
+        // An end beyond the source was cut at the source's end in the video;
+        // the spatial audio is cut the same way, to the end of its data.
+        unsigned end = option.end;
+        if (end != 0xFFFFFFFFu && option.probe.duration > 0.0f && double(end) >= option.probe.duration)
+            end = 0xFFFFFFFFu;
         if (option.reEncode && option.probe.cameraVersion >= 0x20001 &&
-            !meta.readSpatialData(option.sourcePath, option.start, option.end)) {
+            !meta.readSpatialData(option.sourcePath, option.start, end)) {
             GLTK::Console::out(L"readSpatialData failed.\n");
             return fail(option, true);
         }
