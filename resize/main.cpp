@@ -10,6 +10,7 @@
 #include "Utility.h"
 
 #include <chrono>
+#include <cmath>
 
 #include <sys/stat.h>
 
@@ -54,6 +55,17 @@ int fail(const Option& option, const OutputStamp* before = nullptr)
     return 1;
 }
 
+// The camera records its sensor streams at 30 or 15 entries a second, not
+// one per frame: the frames written are turned into entries so that the cut
+// covers the same time as the video. At 30 or 15 fps (29.97 included) an
+// entry is a frame.
+uint32_t sensorEntries(uint32_t frames, float frameRate, unsigned perSecond)
+{
+    if (!(frameRate > 0.0f) || std::fabs(frameRate - float(perSecond)) < 0.5f)
+        return frames;
+    return static_cast<uint32_t>(std::lround(double(frames) * perSecond / frameRate));
+}
+
 int run(int argc, const std::vector<std::wstring>& args)
 {
     Option option;
@@ -78,12 +90,17 @@ int run(int argc, const std::vector<std::wstring>& args)
         meta.readMeta(option.sourcePath, option.reEncode != 0);
         if (frames != 0) {
             unsigned perSecond = option.probe.frameRate > 29.0f ? 30 : 15;
-            meta.trimStream(option.start * perSecond, frames);
+            meta.trimStream(option.start * perSecond, sensorEntries(frames, option.probe.frameRate, perSecond));
         }
         if (option.viewMode != 0)
             meta.attach(option.viewHeading, option.viewMode == 2);
+        // An end beyond the source was cut at the source's end in the video;
+        // the spatial audio is cut the same way, to the end of its data.
+        unsigned end = option.end;
+        if (end != 0xFFFFFFFFu && option.probe.duration > 0.0f && double(end) >= option.probe.duration)
+            end = 0xFFFFFFFFu;
         if (option.reEncode && option.probe.cameraVersion >= 0x20001 &&
-            !meta.readSpatialData(option.sourcePath, option.start, option.end)) {
+            !meta.readSpatialData(option.sourcePath, option.start, end)) {
             GLTK::Console::out(L"readSpatialData failed.\n");
             return fail(option, &before);
         }

@@ -29,14 +29,17 @@ namespace {
 
 // Encoder speed presets. The re-encode turns 4K sources into 1080p-class
 // output on small machines where decoding the source already takes about a
-// core. x264 "veryfast" costs about half the encode time of "faster"
-// with the same quality at these average bit rates (Baseline already rules
-// out B-frames and CABAC, where the slower presets spend much of their extra
-// time), so the encoder keeps pace with the decoder. x265 is the slow path
-// either way: "ultrafast" needs 60 to 80 % of the time of
-// "superfast" for the same PSNR at 1920x960, so it is the one that keeps a
-// long HEVC re-encode within reason.
-constexpr const char* kX264Preset = "veryfast";
+// core. x264 "faster" (subpixel refinement and motion search a step above
+// "veryfast") gives about 0.001 more SSIM on a noisy 4K source brought to
+// 1920x960 at 16 Mbit/s, for about twice the encoder time; with decoding,
+// the whole re-encode still takes about two thirds of the CPU time of
+// FFmpeg's command-line tool at its default "medium", whose quality it comes
+// within about 0.001 SSIM of (bench/reencode_vs_ffmpeg.sh). Baseline
+// rules out B-frames and CABAC, where the slower presets spend much of their
+// extra time. x265 is the slow path either way: "ultrafast" needs 60 to 80 %
+// of the time of "superfast" for the same PSNR at 1920x960, so it is the one
+// that keeps a long HEVC re-encode within reason.
+constexpr const char* kX264Preset = "faster";
 constexpr const char* kX265Preset = "ultrafast";
 
 // Frames handed from the caller's thread to an encoder thread. The bound is
