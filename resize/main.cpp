@@ -10,6 +10,7 @@
 #include "Utility.h"
 
 #include <chrono>
+#include <csignal>
 
 namespace {
 
@@ -85,6 +86,10 @@ int main(int argc, char** argv)
     auto start = std::chrono::steady_clock::now();
     // SIGTERM (Resize -kill:PID) and Ctrl-C stop the run between two steps.
     GLTK::installCancelHandlers();
+    // Past a file-size limit a write then fails (EFBIG) like a full disk,
+    // and the run cleans up after itself instead of dying with its output
+    // half written.
+    std::signal(SIGXFSZ, SIG_IGN);
     status = run(argc, args);
     Utility::printElapsed(start);
     return status;
