@@ -6,6 +6,7 @@
 #include "Movies.h"
 #include "RobustSupport.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <random>
 
@@ -289,6 +290,57 @@ TEST_F(HostileMovies, MakerNoteOffsetsThatLoopOrLeaveTheBox)
             put32be(f.data() + p.at, p.value);
         expectSafe(std::string("QMKN: ") + p.name, f);
     }
+}
+
+// Inserts text right after the first `after` inside the last box of the
+// chain (outermost first), growing every box of the chain.
+Bytes insertText(const Bytes& f, const std::vector<At>& chain, const std::string& after, const std::string& text)
+{
+    const At& inner = chain.back();
+    const auto from = f.begin() + static_cast<long>(inner.payload()), to = f.begin() + static_cast<long>(inner.end());
+    const auto found = std::search(from, to, after.begin(), after.end());
+    if (found == to)
+        throw std::runtime_error("no " + after);
+    Bytes out(f.begin(), found + static_cast<long>(after.size()));
+    out.insert(out.end(), text.begin(), text.end());
+    out.insert(out.end(), found + static_cast<long>(after.size()), f.end());
+    for (const At& b : chain)
+        put32be(out.data() + b.start, static_cast<uint32_t>(b.size + text.size()));
+    return out;
+}
+
+bool hasUserType(const Bytes& f, const At& uuid, const char* hex)
+{
+    for (int i = 0; i < 16; ++i)
+        if (f[uuid.payload() + static_cast<size_t>(i)] != std::stoi(std::string(hex + 2 * i, 2), nullptr, 16))
+            return false;
+    return true;
+}
+
+TEST_F(HostileMovies, MetadataTextWithVeryLongLines)
+{
+    // 200,000 characters on one line of the XMP packet and of the Spherical
+    // Video XML (a regular-expression search once ran out of stack here).
+    const std::string longText(200000, 'a');
+    Bytes f = movie(kMdatFirst);
+    const At moov = theBox(f, "moov");
+    bool grown = false;
+    for (const At& trak : findBoxes(f, "moov.trak")) {
+        std::vector<At> uuids;
+        findBoxes(f, trak.payload(), trak.end(), "uuid", uuids);
+        for (const At& u : uuids)
+            if (!grown && hasUserType(f, u, "FFCC8263F8554A938814587A02521FDD")) {
+                f = insertText(f, {moov, trak, u}, "<GSpherical:StitchingSoftware>", longText);
+                grown = true;
+            }
+    }
+    ASSERT_TRUE(grown);
+    for (const At& u : findBoxes(f, "uuid"))
+        if (hasUserType(f, u, "BE7ACFCB97A942E89C71999491E3AFAC")) {
+            f = insertText(f, {u}, "<x:CreatorTool>", longText);
+            break;
+        }
+    expectSafe("200,000 characters in the XMP creator tool and the stitching software", f);
 }
 
 TEST_F(HostileMovies, SensorCountsThatOverflow32Bits)
