@@ -1,11 +1,10 @@
 #include "MetaProbe.h"
 
+#include "ElementText.h"
 #include "GLTKConsole.h"
 #include "GLTKVideoReader.h"
 #include "GLTKwchar.h"
 #include "MetaBuilder.h"
-
-#include <regex>
 
 void MetaProbe::init()
 {
@@ -111,10 +110,8 @@ void MetaProbe::readSphericalXML(MP4::Container& c)
             return true;
         done = true;
         sphericalXml = u.payload.toString();
-        static const std::regex re("<GSpherical:StitchingSoftware> *(.+) *</GSpherical:StitchingSoftware>");
-        std::smatch m;
-        if (std::regex_search(sphericalXml, m, re))
-            stitchingSoftware = m[1].str();
+        MetaText::elementText(sphericalXml, "<GSpherical:StitchingSoftware>", "</GSpherical:StitchingSoftware>", true,
+                              stitchingSoftware);
         return false;
     });
 }
@@ -126,10 +123,7 @@ void MetaProbe::readXMP(MP4::Container& c)
         if (!u.hasUserType(MP4::XMP::_UUID))
             return true;
         xmp = u.payload.toString();
-        static const std::regex re("<x:CreatorTool> *(.+) *</x:CreatorTool>");
-        std::smatch m;
-        if (std::regex_search(xmp, m, re))
-            creatorTool = m[1].str();
+        MetaText::elementText(xmp, "<x:CreatorTool>", "</x:CreatorTool>", true, creatorTool);
         return false;
     });
 }

@@ -83,8 +83,11 @@ bool Option::parse(int argc, const std::vector<std::wstring>& argv)
             start = static_cast<uint32_t>(std::wcstoul(value, nullptr, 10));
             reEncode = 1;
         } else if (prefix(word, L"-to:", 4)) {
-            double seconds = wcstod_l(value, nullptr, GLTK::C_LOCALE);
-            end = static_cast<uint32_t>(static_cast<int64_t>(std::ceil(seconds)));
+            double seconds = std::ceil(wcstod_l(value, nullptr, GLTK::C_LOCALE));
+            // Beyond what a 64-bit count of seconds holds (or not a number):
+            // to the end.
+            end = seconds > -9.2e18 && seconds < 9.2e18 ? static_cast<uint32_t>(static_cast<int64_t>(seconds))
+                                                        : 0xFFFFFFFFu;
             reEncode = 1;
         } else if (prefix(word, L"-thumb:", 7)) {
             thumbnailPath = word.substr(7);

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <csignal>
 
 #include <sys/stat.h>
 
@@ -137,6 +138,10 @@ int main(int argc, char** argv)
     auto start = std::chrono::steady_clock::now();
     // SIGTERM (Resize -kill:PID) and Ctrl-C stop the run between two steps.
     GLTK::installCancelHandlers();
+    // Past a file-size limit a write then fails (EFBIG) like a full disk,
+    // and the run cleans up after itself instead of dying with its output
+    // half written.
+    std::signal(SIGXFSZ, SIG_IGN);
     status = run(argc, args);
     // A failed run ends with the usage text; only a finished one is timed.
     if (status == 0)

@@ -37,23 +37,33 @@ void ScalingList::process_stream(GolombBitStream& stream, bool write)
     // Each delta moves the scale value; a value of 0 ends the explicit part
     // of the list (the rest repeats the last value), so the number of deltas
     // follows from the deltas themselves, on reading and on writing alike.
-    if (!write)
+    // The deltas are written back as the code numbers that were read: the
+    // signed codes do not survive a write and a read unchanged, and a changed
+    // delta would move the end of the list and every field behind it.
+    if (!write) {
         delta_scale.clear();
+        delta_code.clear();
+    }
     size_t k = 0;
     int lastScale = 8;
     int nextScale = 8;
     for (int j = 0; j < size; ++j) {
         if (nextScale != 0) {
-            int delta;
+            uint32_t code;
             if (write) {
-                if (k >= delta_scale.size())
+                if (k >= delta_code.size())
                     throw "scaling list incomplete";
-                delta = delta_scale[k++];
-                stream.write_golombs(delta);
+                code = delta_code[k++];
+                stream.write_golomb(code);
             } else {
-                delta = stream.read_golombs();
-                delta_scale.push_back(delta);
+                code = stream.read_golomb();
+                delta_code.push_back(code);
             }
+            // The signed reading of the code, as read_golombs gives it.
+            const int half = static_cast<int>(code / 2);
+            const int delta = code % 2 ? -half : half;
+            if (!write)
+                delta_scale.push_back(delta);
             nextScale = (lastScale + delta + 256) % 256;
         }
         lastScale = (nextScale == 0) ? lastScale : nextScale;

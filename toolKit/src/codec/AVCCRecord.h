@@ -131,10 +131,17 @@ public:
 // this program's signed codes. size is 16 or 64.
 class ScalingList : public Syntax {
 public:
-    void clear() override { delta_scale.clear(); }
+    void clear() override
+    {
+        delta_scale.clear();
+        delta_code.clear();
+    }
 
     int size = 16;
+    // The deltas in this program's signed reading, and the code numbers as
+    // read, which are what is written back.
     std::vector<int> delta_scale;
+    std::vector<uint32_t> delta_code;
 
 protected:
     void process_stream(GolombBitStream& stream, bool write) override;

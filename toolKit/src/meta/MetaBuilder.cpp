@@ -1,6 +1,7 @@
 #include "MetaBuilder.h"
 
 #include "AccelSensorStreamEmbed.h"
+#include "ElementText.h"
 #include "GLTKConsole.h"
 #include "GLTKwchar.h"
 #include "SensorStreamBoxes.h"
@@ -9,7 +10,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <regex>
 
 namespace {
 
@@ -155,10 +155,7 @@ bool MetaBuilder::readMeta(const std::wstring& source, bool reEncoded, const Vid
             xmp = u.payload.toString();
             if (!gps.hasDirection)
                 gps.attachCompass(xmp);
-            std::smatch m;
-            static const std::regex re("<VideoStabilization>(.*)</VideoStabilization>");
-            if (std::regex_search(xmp, m, re))
-                summary = m[1].str();
+            MetaText::elementText(xmp, "<VideoStabilization>", "</VideoStabilization>", false, summary);
         } else if (u.hasUserType(MP4::AXIS::_UUID)) {
             axis = u.payload.toString();
         }
