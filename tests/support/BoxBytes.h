@@ -37,6 +37,7 @@ inline Bytes cat(std::initializer_list<Bytes> parts)
 inline Bytes box(const std::string& type, const Bytes& payload)
 {
     Bytes b;
+    b.reserve(payload.size() + 8);
     add32(b, uint32_t(payload.size() + 8));
     b.insert(b.end(), type.begin(), type.begin() + 4);
     b.insert(b.end(), payload.begin(), payload.end());
