@@ -2,6 +2,7 @@
 
 #include "TestSupport.h"
 
+#include <cmath>
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
@@ -10,37 +11,36 @@ namespace {
 
 using namespace testsupport;
 
-TEST(GPSInfo, Iso6709DecimalDegreesOnly)
+TEST(GPSInfo, Iso6709DecimalDegreesWithAltitudeOnlyBeforeSlashOrDatum)
 {
-    GPSInfo g;
-    g.attachRXYZ("+35.6586+139.7454+040.000/");
-    ASSERT_TRUE(g.hasLatitude && g.hasLongitude && g.hasAltitude);
-    EXPECT_NEAR(g.latitude, 35.6586, 1e-6);
-    EXPECT_NEAR(g.longitude, 139.7454, 1e-6);
-    EXPECT_DOUBLE_EQ(g.altitude, 40.0);
-    g.attachRXYZ("-33.8688-070.6693/");
-    EXPECT_NEAR(g.latitude, -33.8688, 1e-6);
-    EXPECT_NEAR(g.longitude, -70.6693, 1e-6);
-    EXPECT_FALSE(g.hasAltitude);
-
-    g.attachRXYZ("+3539.51+13945.06/"); // degree-minute form
-    EXPECT_FALSE(g.hasLatitude || g.hasLongitude || g.hasAltitude);
-    g.attachRXYZ("35.6586+139.7454/"); // a missing sign fails that coordinate
-    EXPECT_FALSE(g.hasLatitude);
-    g.attachRXYZ(nullptr);
-    EXPECT_FALSE(g.hasLatitude);
-}
-
-TEST(GPSInfo, AltitudeKeptOnlyBeforeSlashOrDatum)
-{
-    GPSInfo g;
-    g.attachRXYZ("+35.6586+139.7454+40CRSWGS_84/");
-    EXPECT_TRUE(g.hasAltitude);
-    g.attachRXYZ("+35.6586+139.7454-12.5/");
-    EXPECT_DOUBLE_EQ(g.altitude, -12.5);
-    for (const char* bad : {"+35.6586+139.7454+40m/", "+35.6586+139.7454+40", "+35.6586+139.7454+40CRSWGS_84/x", ""}) {
-        g.attachRXYZ(bad);
-        EXPECT_FALSE(g.hasAltitude) << bad;
+    const double no = NAN;
+    struct Case {
+        const char* text;
+        double latitude, longitude, altitude;
+    } cases[] = {
+        {"+35.6586+139.7454+040.000/", 35.6586, 139.7454, 40},
+        {"-33.8688-070.6693/", -33.8688, -70.6693, no},
+        {"+35.6586+139.7454+40CRSWGS_84/", 35.6586, 139.7454, 40},
+        {"+35.6586+139.7454-12.5/", 35.6586, 139.7454, -12.5},
+        {"+3539.51+13945.06/", no, no, no}, // degree-minute form
+        {"35.6586+139.7454/", no, 139.7454, no}, // a missing sign fails that coordinate only
+        {"+35.6586+139.7454+40m/", 35.6586, 139.7454, no},
+        {"+35.6586+139.7454+40", 35.6586, 139.7454, no},
+        {"+35.6586+139.7454+40CRSWGS_84/x", 35.6586, 139.7454, no},
+        {"", no, no, no},
+    };
+    for (const Case& c : cases) {
+        GPSInfo g;
+        g.attachRXYZ("+1+2+3/"); // values of an earlier text do not stay
+        g.attachRXYZ(c.text);
+        EXPECT_EQ(g.hasLatitude, !std::isnan(c.latitude)) << c.text;
+        EXPECT_EQ(g.hasLongitude, !std::isnan(c.longitude)) << c.text;
+        EXPECT_EQ(g.hasAltitude, !std::isnan(c.altitude)) << c.text;
+        if (g.hasLatitude && g.hasLongitude && g.hasAltitude) {
+            EXPECT_NEAR(g.latitude, c.latitude, 1e-6) << c.text;
+            EXPECT_NEAR(g.longitude, c.longitude, 1e-6) << c.text;
+            EXPECT_NEAR(g.altitude, c.altitude, 1e-6) << c.text;
+        }
     }
 }
 
