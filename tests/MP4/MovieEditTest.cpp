@@ -13,10 +13,7 @@
 
 #include <cmath>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 using namespace testsupport;
 
@@ -100,15 +97,10 @@ TEST(MovieEdit, SphericalXmlInsertedThenReplacedOnEveryLayout)
 TEST(MovieEdit, XmpAndAxisAreAppendedOnceAndReadableByExiftool)
 {
     Work m("--model older --no-xmp --no-axis");
-    const std::string xmp =
-        "<?xpacket begin='\xEF\xBB\xBF' id='W5M0MpCehiHzreSzNTczkc9d'?>\n"
-        "<x:xmpmeta xmlns:x='adobe:ns:meta/'>\n"
-        " <rdf:RDF xmlns:rdf='http://www.w3.org/1999/02/22-rdf-syntax-ns#'>\n"
-        "  <rdf:Description rdf:about='' xmlns:xmp='http://ns.adobe.com/xap/1.0/'>\n"
-        "   <xmp:CreatorTool>Resize edit test</xmp:CreatorTool>\n"
-        "  </rdf:Description>\n"
-        " </rdf:RDF>\n"
-        "</x:xmpmeta>\n<?xpacket end='w'?>\n";
+    const std::string xmp = "<x:xmpmeta xmlns:x='adobe:ns:meta/'><rdf:RDF "
+                            "xmlns:rdf='http://www.w3.org/1999/02/22-rdf-syntax-ns#'><rdf:Description "
+                            "xmlns:xmp='http://ns.adobe.com/xap/1.0/' xmp:CreatorTool='Resize edit test'/>"
+                            "</rdf:RDF></x:xmpmeta>";
     ASSERT_TRUE(m.c.appendXMP(xmp));
     ASSERT_TRUE(m.c.appendAxis("axis record"));
     Bytes once = readFile(m.file);
@@ -207,11 +199,7 @@ TEST(MovieEdit, AvcCReusesTheUdtaSpaceThenRewritesInPlace)
     ASSERT_TRUE(freeBox);
     EXPECT_EQ(freeBox->start, udta.start + delta);
     EXPECT_EQ(freeBox->end(), udta.end());
-    EXPECT_EQ(chunkOffsets(after), chunkOffsets(before));
-    std::string why;
-    EXPECT_TRUE(decodesCleanly(m.file, &why)) << why;
-    EXPECT_TRUE(samplesEqual(m.original, m.file, &why)) << why;
-    EXPECT_TRUE(nestingOk(m.file, &why)) << why;
+    expectIntact(m.original, m.file);
     EXPECT_EQ(colorRange(m.file), "pc");
 
     // Back to limited range: the record keeps its length and only its bytes change.
@@ -224,7 +212,7 @@ TEST(MovieEdit, AvcCReusesTheUdtaSpaceThenRewritesInPlace)
     EXPECT_EQ(slice(again, 0, box->start), slice(after, 0, box->start));
     EXPECT_EQ(slice(again, box->end(), again.size() - box->end()), slice(after, box->end(), after.size() - box->end()));
     EXPECT_NE(colorRange(m.file), "pc");
-    EXPECT_TRUE(decodesCleanly(m.file, &why)) << why;
+    expectIntact(m.original, m.file);
 
     // Asked again for what it has: nothing is written.
     out = capture([&] { EXPECT_TRUE(m.c.appendFullRangeAndConstrainedSet1Flag(false)); });
@@ -238,18 +226,12 @@ TEST(MovieEdit, AvcCWithoutUdtaShiftsWhatFollows)
         SCOPED_TRACE(layout);
         Work m(std::string("--model older --layout ") + layout);
         m.hideUdta();
-        const Bytes f = readFile(m.file);
-        const size_t oldSize = payloadAt(m.file, kAvcC).size();
+        const int64_t size = int64_t(fs::file_size(m.file)), oldSize = int64_t(payloadAt(m.file, kAvcC).size());
         capture([&] { ASSERT_TRUE(m.c.appendFullRangeAndConstrainedSet1Flag(true)); });
-        const Bytes after = readFile(m.file);
-        const int64_t delta = int64_t(payloadAt(m.file, kAvcC).size()) - int64_t(oldSize);
+        const int64_t delta = int64_t(payloadAt(m.file, kAvcC).size()) - oldSize;
         ASSERT_NE(delta, 0);
-        EXPECT_EQ(int64_t(after.size()), int64_t(f.size()) + delta);
-        std::vector<uint64_t> a = chunkOffsets(f), b = chunkOffsets(after);
-        ASSERT_EQ(a.size(), b.size());
-        for (size_t i = 0; i < a.size(); ++i)
-            EXPECT_EQ(b[i], std::string(layout) == "moov-first" ? a[i] + delta : a[i]);
-        expectIntact(m.original, m.file);
+        EXPECT_EQ(int64_t(fs::file_size(m.file)), size + delta);
+        expectIntact(m.original, m.file); // chunk offsets moved with the media
         EXPECT_EQ(colorRange(m.file), "pc");
     }
 }
@@ -367,24 +349,15 @@ TEST(MovieEdit, SpatialDataTrimmedToASecond)
     EXPECT_EQ(get64(payloadAt(m.file, "moov.udta.QDT9"), 8), 384008u);
 }
 
-TEST(MovieEdit, SensorBoxesReadAndTrimmedInBothByteOrders)
+TEST(MovieEdit, SensorBoxesTrimmedInBothByteOrders)
 {
     for (const char* endian : {"little", "big"}) {
         SCOPED_TRACE(endian);
         Work m(std::string("--model older --layout mdat-first --sensor-endian ") + endian);
-        std::vector<AccelSensorStreamEmbed::Ecompass> e;
-        std::vector<AccelSensorStreamEmbed::TopBottomCorrection> d;
+        std::vector<AccelSensorStreamEmbed::TopBottomCorrection> d, cut;
         unsigned short extra = 0;
-        AccelSensorStreamEmbed::loadM29_QDTC(m.c, e, extra);
         AccelSensorStreamEmbed::loadM29_QDTD(m.c, d, extra);
         ASSERT_GT(d.size(), 20u);
-        ASSERT_EQ(e.size(), d.size());
-        std::string listing;
-        ASSERT_EQ(mp4check("sensor " + q(m.file) + " QDTD", &listing), 0) << listing;
-        char line[128];
-        std::snprintf(line, sizeof line, "\n10 x=%d y=%d z=%d", d[10].x, d[10].y, d[10].z);
-        EXPECT_NE(listing.find(line), std::string::npos) << listing.substr(0, 300);
-
         // Both streams cut to records 5 .. 14 in a copy of udta, put back.
         Bytes f = readFile(m.file);
         auto udta = findOne(f, "moov.udta");
@@ -393,41 +366,16 @@ TEST(MovieEdit, SensorBoxesReadAndTrimmedInBothByteOrders)
         ASSERT_TRUE(SensorStream::trimSensorBoxIn(copy, "QDTC", 24, 5, 10));
         ASSERT_TRUE(m.c.replaceUdta(0, copy));
         expectIntact(m.original, m.file);
-        std::vector<AccelSensorStreamEmbed::TopBottomCorrection> cut;
         AccelSensorStreamEmbed::loadM29_QDTD(m.c, cut, extra);
         ASSERT_EQ(cut.size(), 10u);
         EXPECT_EQ(cut[0].t, d[5].t);
-        EXPECT_EQ(cut[9].x, d[14].x);
-        ASSERT_EQ(mp4check("sensor " + q(m.file) + " QDTC", &listing), 0) << listing;
+        std::string listing;
+        ASSERT_EQ(mp4check("sensor " + q(m.file) + " QDTD", &listing), 0) << listing;
+        char line[128];
         EXPECT_NE(listing.find(" count=10 "), std::string::npos) << listing.substr(0, 200);
+        std::snprintf(line, sizeof line, "\n9 x=%d y=%d z=%d", d[14].x, d[14].y, d[14].z);
+        EXPECT_NE(listing.find(line), std::string::npos) << listing.substr(0, 300);
     }
-}
-
-TEST(MovieEdit, CopyingEditOnAFullDiskLeavesTheMovie)
-{
-    Work m("--model older --layout moov-first --no-sph");
-    const Bytes before = readFile(m.file);
-    pid_t pid = fork();
-    if (pid == 0) {
-        signal(SIGXFSZ, SIG_IGN);
-        struct rlimit lim = {static_cast<rlim_t>(before.size() / 2), static_cast<rlim_t>(before.size() / 2)};
-        setrlimit(RLIMIT_FSIZE, &lim);
-        MP4::Container c;
-        if (!c.attach(w(m.file)))
-            _exit(3);
-        testing::internal::CaptureStdout();
-        bool ok = c.appendSphericalVideoXML(std::string(1000, 'a'));
-        std::string out = testing::internal::GetCapturedStdout();
-        bool said = out.find("Container::modifyContainer::appendSphericalVideoXML(") != std::string::npos &&
-                    out.find(".tmp.mp4) failed.\n") != std::string::npos;
-        _exit(ok ? 1 : said ? 0 : 2);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_EQ(readFile(m.file), before);
-    EXPECT_FALSE(fs::exists(m.dir / "m.mp4.tmp.mp4"));
 }
 
 } // namespace

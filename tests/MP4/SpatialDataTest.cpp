@@ -1,15 +1,10 @@
 // The spatial-audio track cut to a time range, and the spatial-data box
-// refused from wrong places or on a full disk. Carrying it over to real
-// movies is checked in MovieEditTest.
-#include "GLTKwchar.h"
-#include "MP4Container.h"
+// refused from wrong places. Carrying it over to real movies is checked in
+// MovieEditTest.
 #include "SpatialSound.h"
 #include "SyntheticBoxes.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 using namespace testsupport;
 
@@ -20,36 +15,29 @@ std::wstring w(const fs::path& p) { return GLTK::wchar::mbs2wcs(p.string()); }
 // 2.5 seconds of 48 kHz sound, 8 bytes a sample.
 const Bytes kPayload = pattern(960000, 5);
 
-// ftyp, mdat, moov (video track, udta with QDT9), optionally the spatial box.
-struct Source {
-    Bytes file;
-    uint64_t uuidAt = 0, uuidSize = 0, payloadAt = 0;
-};
-Source source(bool withSpatial = true, uint32_t timeScale = 48000)
-{
-    Bytes ftyp = box("ftyp", text("isom"));
-    uint32_t mediaAt = uint32_t(ftyp.size() + 8);
-    Bytes udta = box("udta", cat({box("QMKN", Bytes(8, 1)), box("QDT9", cat({u32s({0, 0, 0, 0}), pattern(16, 9)}))}));
-    Bytes moov = box("moov", cat({fullbox("mvhd", 0, Bytes(96, 0)), mediaTrak(960, 480, {mediaAt, mediaAt + 1000}, 1000), udta}));
-    Source s;
-    s.file = cat({ftyp, box("mdat", pattern(2000, 2)), moov});
-    if (withSpatial) {
-        s.uuidAt = s.file.size();
-        s.payloadAt = s.uuidAt + 32;
-        Bytes uuid = spatialBox(kPayload, timeScale, 8, s.payloadAt);
-        s.uuidSize = uuid.size();
-        s.file = cat({s.file, uuid});
+// A mdat-first movie whose udta holds a QDT9 box, optionally with the
+// spatial-data box at its end.
+struct Source : SyntheticMovie {
+    uint64_t uuidAt = 0, uuidSize = 0;
+    explicit Source(bool withSpatial = true, uint32_t timeScale = 48000)
+        : SyntheticMovie(false, cat({box("QMKN", Bytes(8, 1)), box("QDT9", cat({u32s({0, 0, 0, 0}), pattern(16, 9)}))}),
+                         [=](Bytes& f) {
+                             if (withSpatial)
+                                 f = cat({f, spatialBox(kPayload, timeScale, 8, f.size() + 32)});
+                         })
+    {
+        if (auto uuid = findOne(file, "uuid")) {
+            uuidAt = uuid->start;
+            uuidSize = uuid->size;
+        }
     }
-    return s;
-}
+};
 
 TEST(SpatialSound, CutsOneSecondOutOfTheMiddle)
 {
-    TempDir dir;
-    Source s = source();
-    writeFile(dir / "s.mp4", s.file);
+    Source s;
     MP4::SpatialSound sound;
-    ASSERT_TRUE(sound.attach(w(dir / "s.mp4"), 1.0, 2.0));
+    ASSERT_TRUE(sound.attach(w(s.path()), 1.0, 2.0));
     EXPECT_TRUE(sound.trimmed);
     EXPECT_EQ(sound.startByte, 384000u);
     EXPECT_EQ(sound.endByte, 768000u);
@@ -77,15 +65,14 @@ TEST(SpatialSound, CutsOneSecondOutOfTheMiddle)
     std::vector<uint64_t> offs = chunkOffsets(q, "QATR.mdia.minf.stbl");
     ASSERT_EQ(offs.size(), 32u);
     for (size_t i = 0; i < offs.size(); ++i)
-        EXPECT_EQ(offs[i], s.payloadAt + 12288 * i);
+        EXPECT_EQ(offs[i], s.uuidAt + 32 + 12288 * i);
 }
 
 TEST(SpatialSound, RangesAtTheEdges)
 {
-    TempDir dir;
-    writeFile(dir / "s.mp4", source().file);
+    Source s;
     MP4::SpatialSound sound;
-    const std::wstring p = w(dir / "s.mp4");
+    const std::wstring p = w(s.path());
     EXPECT_TRUE(sound.attach(p, 0, -1)); // the whole movie: nothing to build
     EXPECT_FALSE(sound.trimmed);
     EXPECT_TRUE(sound.buffer.empty());
@@ -100,73 +87,32 @@ TEST(SpatialSound, RangesAtTheEdges)
     EXPECT_EQ(sound.startByte, 768000u);
     EXPECT_EQ(sound.endByte, 960000u);
 
-    writeFile(dir / "none.mp4", source(false).file);
-    EXPECT_TRUE(sound.attach(w(dir / "none.mp4"), 1, 2)); // no spatial data: nothing to trim
+    EXPECT_TRUE(sound.attach(w(Source(false).path()), 1, 2)); // no spatial data: nothing to trim
     EXPECT_FALSE(sound.trimmed);
-    writeFile(dir / "bad.mp4", source(true, 0).file);
+    Source bad(true, 0); // a track without a time scale
     testing::internal::CaptureStdout();
-    EXPECT_FALSE(sound.attach(w(dir / "bad.mp4"), 1, 2)); // a track without a time scale
+    EXPECT_FALSE(sound.attach(w(bad.path()), 1, 2));
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "No Spatial Metadata.\n");
 }
 
-struct Output {
-    TempDir dir;
-    Source src = source();
-    Bytes original = source(false).file; // the output movie: no spatial data
-    MP4::Container c;
-    Output()
-    {
-        writeFile(dir / "s.mp4", src.file);
-        writeFile(dir / "o.mp4", original);
-        EXPECT_TRUE(c.attach(w(dir / "o.mp4")));
-    }
-    bool withSource(const std::function<bool(GLTK::FileIO&)>& f)
-    {
-        bool ok = false;
-        GLTK::FileIO::open(w(dir / "s.mp4"), [&](GLTK::FileIO& in) { ok = f(in); });
-        return ok;
-    }
-};
-
 TEST(SpatialData, WrongSourcePlacesAreRefusedAndLeaveTheFile)
 {
-    Output o;
+    Source src, out(false);
     MP4::SpatialSound sound;
-    ASSERT_TRUE(sound.attach(w(o.dir / "s.mp4"), 1.0, 2.0));
-    for (auto [offset, length] : {std::pair<uint64_t, uint64_t>{0, o.src.uuidSize}, {o.src.uuidAt, o.src.uuidSize - 1},
-                                  {o.src.uuidAt, 1ull << 40}, {UINT64_MAX - 8, 64}}) {
+    ASSERT_TRUE(sound.attach(w(src.path()), 1.0, 2.0));
+    auto refused = [&](const std::function<bool(GLTK::FileIO&)>& edit, const char* name) {
+        bool ok = true;
         testing::internal::CaptureStdout();
-        EXPECT_FALSE(o.withSource([&](GLTK::FileIO& in) { return o.c.appendSpatialData(in, offset, length); }));
-        std::string out = testing::internal::GetCapturedStdout();
-        EXPECT_NE(out.find("appendSpatialData("), std::string::npos) << out;
-        EXPECT_EQ(readFile(o.dir / "o.mp4"), o.original);
-    }
-    testing::internal::CaptureStdout();
-    EXPECT_FALSE(o.withSource([&](GLTK::FileIO& in) { return o.c.trimSpatialData(in, 8, sound); }));
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("trimSpatialData("), std::string::npos) << out;
-    EXPECT_EQ(readFile(o.dir / "o.mp4"), o.original);
-}
-
-TEST(SpatialData, FullDiskDuringAppendLeavesTheFileAsItWas)
-{
-    Output o;
-    pid_t pid = fork();
-    if (pid == 0) {
-        signal(SIGXFSZ, SIG_IGN);
-        rlim_t limit = o.original.size() + 5000;
-        struct rlimit lim = {limit, limit};
-        setrlimit(RLIMIT_FSIZE, &lim);
-        testing::internal::CaptureStdout();
-        bool ok = o.withSource([&](GLTK::FileIO& in) { return o.c.appendSpatialData(in, o.src.uuidAt, o.src.uuidSize); });
-        std::string out = testing::internal::GetCapturedStdout();
-        _exit(ok ? 1 : out.find("appendSpatialData(") == std::string::npos ? 2 : 0);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_EQ(readFile(o.dir / "o.mp4"), o.original);
+        GLTK::FileIO::open(w(src.path()), [&](GLTK::FileIO& in) { ok = edit(in); });
+        std::string printed = testing::internal::GetCapturedStdout();
+        EXPECT_FALSE(ok) << name;
+        EXPECT_NE(printed.find(name), std::string::npos) << printed;
+        EXPECT_TRUE(out.unchanged());
+    };
+    for (auto [offset, length] : {std::pair<uint64_t, uint64_t>{0, src.uuidSize}, {src.uuidAt, src.uuidSize - 1},
+                                  {src.uuidAt, 1ull << 40}, {UINT64_MAX - 8, 64}})
+        refused([&](GLTK::FileIO& in) { return out.c.appendSpatialData(in, offset, length); }, "appendSpatialData(");
+    refused([&](GLTK::FileIO& in) { return out.c.trimSpatialData(in, 8, sound); }, "trimSpatialData(");
 }
 
 } // namespace

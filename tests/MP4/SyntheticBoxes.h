@@ -2,8 +2,12 @@
 // Builders for small synthetic movies and an independent box walker for the
 // edit tests (no use of the converter's parser).
 #include "BoxBytes.h"
+#include "GLTKwchar.h"
+#include "MP4Container.h"
 #include "TestSupport.h"
 
+#include <functional>
+#include <gtest/gtest.h>
 #include <map>
 #include <optional>
 #include <string>
@@ -162,5 +166,44 @@ inline Bytes spatialBox(const Bytes& payload, uint32_t timeScale, uint32_t sampl
     Bytes hdlr = fullbox("hdlr", 0, cat({u32s({0}), text("soun"), Bytes(13, 0)}));
     return box("uuid", cat({kSpatialUUID, box("QADT", payload), box("QATR", cat({tkhd(0, 0), box("mdia", cat({mdhd, hdlr, minf}))}))}));
 }
+
+// A small movie written to dir/m.mp4 and attached: ftyp, then moov (mvhd, a
+// video track with two 1000-byte chunks in stco, a sound track with one in
+// co64, a udta with the boxes given unless none) and mdat, in either order.
+// damage may change the bytes before they are written.
+struct SyntheticMovie {
+    TempDir dir;
+    Bytes media = pattern(3000), file;
+    MP4::Container c;
+    SyntheticMovie(bool moovFirst, const std::optional<Bytes>& udta = std::nullopt,
+                   const std::function<void(Bytes&)>& damage = nullptr)
+    {
+        Bytes ftyp = box("ftyp", text("isomiso2"));
+        auto moov = [&](uint32_t at) {
+            return box("moov", cat({fullbox("mvhd", 0, Bytes(96, 0)), mediaTrak(960, 480, {at, at + 1000}, 1000),
+                                    mediaTrak(0, 0, {at + 2000}, 1000, true), udta ? box("udta", *udta) : Bytes{}}));
+        };
+        file = moovFirst ? cat({ftyp, moov(uint32_t(ftyp.size() + moov(0).size() + 8)), box("mdat", media)})
+                         : cat({ftyp, box("mdat", media), moov(uint32_t(ftyp.size() + 8))});
+        if (damage)
+            damage(file);
+        writeFile(path(), file);
+        EXPECT_TRUE(c.attach(GLTK::wchar::mbs2wcs(path().string())));
+    }
+    fs::path path() const { return dir / "m.mp4"; }
+    bool unchanged() const { return readFile(path()) == file && !fs::exists(dir / "m.mp4.tmp.mp4"); }
+    // The file as it is now, checked: every chunk holds its bytes, sizes nest.
+    Bytes expectMediaIntact() const
+    {
+        Bytes f = readFile(path());
+        std::vector<uint64_t> offs = chunkOffsets(f);
+        EXPECT_EQ(offs.size(), 3u);
+        for (size_t i = 0; i < offs.size() && offs[i] + 1000 <= f.size(); ++i)
+            EXPECT_EQ(slice(f, offs[i], 1000), slice(media, i * 1000, 1000)) << "chunk " << i;
+        std::string why;
+        EXPECT_TRUE(nestsExactly(f, &why)) << why;
+        return f;
+    }
+};
 
 } // namespace testsupport
