@@ -2,12 +2,10 @@
 // write: ffmpeg must decode the result without a word, every sample of every
 // track must keep its bytes, box sizes must nest exactly and every chunk must
 // still lie in its media data.
-#include "AccelSensorStreamEmbed.h"
 #include "GLTKwchar.h"
 #include "GPSInfo.h"
 #include "MP4Container.h"
 #include "Movies.h"
-#include "SensorStreamBoxes.h"
 #include "SpatialSound.h"
 #include "SyntheticBoxes.h"
 
@@ -114,18 +112,20 @@ TEST(MovieEdit, XmpAndAxisAreAppendedOnceAndReadableByExiftool)
     EXPECT_EQ(payloadAt(m.file, "uuid=8e4e1f9781f34d5997b5ff05a27cdb7b"), text("axis record"));
 }
 
-TEST(MovieEdit, LocationBoxesAreAddedWhereNoneRemain)
+TEST(MovieEdit, LocationBoxesAndSphericalXmlAddedInOneEdit)
 {
     GPSInfo gps;
     gps.attachRXYZ("+35.6586+139.7454+040.000/");
-    // A movie with a bad loci and no other position box: the bad box goes
-    // (ffmpeg chokes on it) and all three boxes are added.
-    Work m("--model older --no-xyz --loci bad --layout moov-first");
+    const std::string xml(1000, 'x');
+    // A bad loci and no other position box: the bad box goes (ffmpeg chokes
+    // on it) and all three are added.
+    Work m("--model older --no-xyz --no-sph --loci bad --layout moov-first");
     std::string why;
     EXPECT_FALSE(decodesCleanly(m.file, &why));
     ASSERT_TRUE(m.c.removeBadLOCI());
-    ASSERT_TRUE(m.c.appendLocations(gps));
+    ASSERT_TRUE(m.c.appendLocationAndSphericalVideoXML(gps, xml));
     expectIntact(m.original, m.file);
+    EXPECT_EQ(payloadAt(m.file, "moov.trak." + kSph), text(xml));
     EXPECT_EQ(payloadAt(m.file, "moov.udta.@xyz"), text("+35.6586+139.7454+040.000/"));
     Bytes loci = payloadAt(m.file, "moov.udta.loci");
     ASSERT_EQ(loci.size(), 24u);
@@ -138,30 +138,20 @@ TEST(MovieEdit, LocationBoxesAreAddedWhereNoneRemain)
     std::string out;
     run("exiftool -n -s -s -s -GPSLatitude -GPSLongitude " + q(m.file), &out);
     EXPECT_NE(out.find("35.6586"), std::string::npos) << out;
-    EXPECT_EQ(capture([&] { EXPECT_TRUE(m.c.appendLocations(gps)); }), "MP4: No location-boxes were appended.\n");
+
+    // Media first, with an @xyz box that is kept as it was.
+    Work n("--model older --no-sph --no-loci --layout mdat-first");
+    ASSERT_TRUE(n.c.appendLocationAndSphericalVideoXML(gps, xml));
+    expectIntact(n.original, n.file);
+    EXPECT_EQ(payloadAt(n.file, "moov.udta.@xyz"), payloadAt(n.original, "moov.udta.@xyz"));
+    EXPECT_EQ(payloadAt(n.file, "moov.udta.loci").size(), 24u);
 
     // A movie whose moov has no udta gets one.
-    Work bare("--model older --no-xyz --no-loci --layout moov-first");
+    Work bare("--model older --no-xyz --no-loci --no-sph --layout moov-first");
     bare.hideUdta();
-    ASSERT_TRUE(bare.c.appendLocations(gps));
+    ASSERT_TRUE(bare.c.appendLocationAndSphericalVideoXML(gps, xml));
     expectIntact(bare.original, bare.file);
     EXPECT_EQ(payloadAt(bare.file, "moov.udta.@xyz"), text("+35.6586+139.7454+040.000/"));
-}
-
-TEST(MovieEdit, LocationAndSphericalXmlInOneEdit)
-{
-    GPSInfo gps;
-    gps.attachRXYZ("-33.8688+151.2093/");
-    for (const char* layout : {"moov-first", "mdat-first"}) {
-        SCOPED_TRACE(layout);
-        Work m(std::string("--model older --no-sph --no-loci --layout ") + layout);
-        ASSERT_TRUE(m.c.appendLocationAndSphericalVideoXML(gps, std::string(1000, 'x')));
-        expectIntact(m.original, m.file);
-        EXPECT_EQ(payloadAt(m.file, "moov.trak." + kSph).size(), 1000u);
-        EXPECT_EQ(int32_t(get32(payloadAt(m.file, "moov.udta.loci"), 12)), int32_t(std::lround(-33.8688 * 65536)));
-        // The @xyz box was there already and is kept as it was.
-        EXPECT_EQ(payloadAt(m.file, "moov.udta.@xyz"), payloadAt(m.original, "moov.udta.@xyz"));
-    }
 }
 
 // "pc" for full range, "tv" or "unknown" otherwise.
@@ -347,35 +337,6 @@ TEST(MovieEdit, SpatialDataTrimmedToASecond)
     for (size_t i = 0; i < offs.size(); ++i)
         EXPECT_EQ(offs[i], qadt->body() + 12288 * i);
     EXPECT_EQ(get64(payloadAt(m.file, "moov.udta.QDT9"), 8), 384008u);
-}
-
-TEST(MovieEdit, SensorBoxesTrimmedInBothByteOrders)
-{
-    for (const char* endian : {"little", "big"}) {
-        SCOPED_TRACE(endian);
-        Work m(std::string("--model older --layout mdat-first --sensor-endian ") + endian);
-        std::vector<AccelSensorStreamEmbed::TopBottomCorrection> d, cut;
-        unsigned short extra = 0;
-        AccelSensorStreamEmbed::loadM29_QDTD(m.c, d, extra);
-        ASSERT_GT(d.size(), 20u);
-        // Both streams cut to records 5 .. 14 in a copy of udta, put back.
-        Bytes f = readFile(m.file);
-        auto udta = findOne(f, "moov.udta");
-        ByteArray copy(f.data() + udta->start, udta->size);
-        ASSERT_TRUE(SensorStream::trimSensorBoxIn(copy, "QDTD", 16, 5, 10));
-        ASSERT_TRUE(SensorStream::trimSensorBoxIn(copy, "QDTC", 24, 5, 10));
-        ASSERT_TRUE(m.c.replaceUdta(0, copy));
-        expectIntact(m.original, m.file);
-        AccelSensorStreamEmbed::loadM29_QDTD(m.c, cut, extra);
-        ASSERT_EQ(cut.size(), 10u);
-        EXPECT_EQ(cut[0].t, d[5].t);
-        std::string listing;
-        ASSERT_EQ(mp4check("sensor " + q(m.file) + " QDTD", &listing), 0) << listing;
-        char line[128];
-        EXPECT_NE(listing.find(" count=10 "), std::string::npos) << listing.substr(0, 200);
-        std::snprintf(line, sizeof line, "\n9 x=%d y=%d z=%d", d[14].x, d[14].y, d[14].z);
-        EXPECT_NE(listing.find(line), std::string::npos) << listing.substr(0, 300);
-    }
 }
 
 } // namespace

@@ -191,24 +191,4 @@ TEST(SensorBoxes, TrimRefusesRangesPastTheRecordsOrTheBox)
     EXPECT_EQ(full, before[2]);
 }
 
-TEST(SensorBoxes, TrimInsideAUdtaCopyFindsTheBoxAndChecksSizes)
-{
-    Bytes qdtd = sensorBox("QDTD", 16, cat({gravityRecord(1, 2, 3, 4), gravityRecord(5, 6, 7, 8)}));
-    Bytes udta = box("udta", cat({box("QMKN", Bytes(20, 1)), compassBox(4, Order::Little), qdtd}));
-    ByteArray copy(udta.data(), udta.size());
-    ASSERT_TRUE(SensorStream::trimSensorBoxIn(copy, "QDTC", 24, 1, 2));
-    size_t at = 8 + 28; // after the udta header and QMKN
-    EXPECT_EQ(copy.data[at + 8], 2);
-    EXPECT_EQ(Bytes(copy.data + at + 24, copy.data + at + 48), xyzRecord(1, 2, 3, 1001));
-    ASSERT_TRUE(SensorStream::trimSensorBoxIn(copy, "QDTD", 16, 1, 1));
-    EXPECT_FALSE(SensorStream::trimSensorBoxIn(copy, "QDTB", 24, 0, 1)); // none there
-
-    // A child whose size runs past the udta ends the walk untouched.
-    Bytes bad = udta;
-    bad[8 + 3] = 0xFF; // QMKN claims 255 bytes
-    ByteArray badCopy(bad.data(), bad.size());
-    EXPECT_FALSE(SensorStream::trimSensorBoxIn(badCopy, "QDTC", 24, 1, 2));
-    EXPECT_EQ(Bytes(badCopy.data, badCopy.data + badCopy.length), bad);
-}
-
 } // namespace
