@@ -75,21 +75,6 @@ TEST(Thumbnailer, RemoveAPPXStripsOnlyLeadingWholeAppSegments)
     }
 }
 
-TEST(Thumbnailer, SavesFullSizeFirstFrameAsJpegFile)
-{
-    testsupport::TempDir dir;
-    Thumbnailer thumb(w(makeMovie(MovieSpec().length(1))));
-    ASSERT_TRUE(thumb.saveFrame(w(dir / "thumb.jpg")));
-    int width = 0, height = 0;
-    ASSERT_TRUE(jpegSize(testsupport::readFile(dir / "thumb.jpg"), width, height));
-    EXPECT_EQ(width, 960);
-    EXPECT_EQ(height, 480);
-
-    EXPECT_FALSE(Thumbnailer(w(dir / "missing.mp4")).saveFrame(w(dir / "x.jpg")));
-    EXPECT_FALSE(fs::exists(dir / "x.jpg"));
-    EXPECT_FALSE(thumb.saveFrame(w(dir / "no/dir/x.jpg")));
-}
-
 TEST(Thumbnailer, BoundedJpegTakesTheFirstQualityThatFitsAndGivesUpAfterFifteen)
 {
     path movie = makeMovie(MovieSpec().length(1));

@@ -43,44 +43,6 @@ TEST(VideoReader, DescribeSourceGivesDecodedSizeRateDurationAndAudioRate)
     EXPECT_NE(log.find("Failed to open " + (dir / "missing.mp4").string() + "."), std::string::npos) << log;
 }
 
-TEST(VideoReader, ReadsWholeMovieScaledInTheRequestedFormatThenCompletes)
-{
-    GLTKVideoReader reader;
-    reader.setPixelFormatType(GLTK::kPixelFormat_420f);
-    reader.setAudioSampleRate(44100);
-    reader.setAudioChannelCount(1);
-    ASSERT_TRUE(reader.start(makeMovie(MovieSpec().audio(48000)), {480, 240}, GLTK::MediaTimeRange::all()));
-    EXPECT_TRUE(reader.hasAudioTrack());
-    int frames = 0;
-    MediaTime last(-1, 1);
-    while (reader.loadNextFrame([&](const GLTK::VideoFrame* f, MediaTime t) {
-        ASSERT_NE(f, nullptr);
-        EXPECT_EQ(f->width(), 480);
-        EXPECT_EQ(f->height(), 240);
-        EXPECT_EQ(f->pixelFormatType(), GLTK::kPixelFormat_420f);
-        EXPECT_GT(t, last);
-        last = t;
-        ++frames;
-    }))
-        ;
-    EXPECT_EQ(frames, 60);
-    EXPECT_NEAR(last.seconds(), 59.0 / 30, 1e-6);
-    EXPECT_EQ(reader.mediaStatus(), GLTKVideoReader::Reading) << "audio is still unread";
-
-    int64_t samples = 0;
-    while (reader.loadNextAudio(1.0f, [&](const GLTK::AudioBuffer* b, MediaTime t) {
-        ASSERT_FALSE(b->isHeldBackMarker()) << "the video has ended: nothing is held back";
-        EXPECT_EQ(b->sampleRate(), 44100);
-        EXPECT_EQ(b->channelCount(), 1);
-        EXPECT_EQ(t.value, samples) << "buffers follow each other without gaps";
-        samples += b->sampleCount();
-    }))
-        ;
-    EXPECT_NEAR(double(samples), 2.0 * 44100, 44100 * 0.03);
-    EXPECT_EQ(reader.mediaStatus(), GLTKVideoReader::Completed);
-    EXPECT_FALSE(reader.loadNextFrame(nullptr));
-}
-
 TEST(VideoReader, WithoutAudioVideoAloneCompletesAtTheDecodedSize)
 {
     GLTKVideoReader reader;
