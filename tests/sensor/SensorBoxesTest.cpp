@@ -5,6 +5,7 @@
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
+#include <sstream>
 
 using namespace testsupport;
 using A = AccelSensorStreamEmbed;
@@ -22,11 +23,23 @@ struct Movie {
     }
 };
 
-std::string capture(const std::function<void()>& f)
+// What a loader read and printed: the extra value, then each record's
+// fields, then the printed text.
+template <class R, class... F>
+std::string loaded(void (*load)(MP4::Container&, std::vector<R>&, unsigned short&), MP4::Container& c,
+                   F R::*... fields)
 {
+    std::vector<R> records(2); // stale records are dropped
+    unsigned short extra = 99;
     testing::internal::CaptureStdout();
-    f();
-    return testing::internal::GetCapturedStdout();
+    load(c, records, extra);
+    std::ostringstream o;
+    o << extra;
+    for (const R& r : records) {
+        o << " |";
+        ((o << " " << +(r.*fields)), ...);
+    }
+    return o.str() + " " + testing::internal::GetCapturedStdout();
 }
 
 TEST(SensorBoxes, ReadsLittleAndBigEndianRecordsSilently)
@@ -41,105 +54,65 @@ TEST(SensorBoxes, ReadsLittleAndBigEndianRecordsSilently)
                  sensorBox("QDTB", 24, xyzRecord(uint32_t(-5), 6, uint32_t(-7), 42, B), B),
                  sensorBox("QDTI", 24, quaternionRecord(1.0f, 0.5f, -0.5f, 0.25f, 77, B), B, 3),
                  sensorBox("QDTH", 24, {}, Order::Little, 5)}));
-    std::string out = capture([&] {
-        unsigned short extra = 99;
-        std::vector<A::Ecompass> e;
-        A::loadM29_QDTC(m.c, e, extra);
-        ASSERT_EQ(e.size(), 2u);
-        EXPECT_EQ(extra, 7);
-        EXPECT_FLOAT_EQ(e[0].x, 1.5f);
-        EXPECT_FLOAT_EQ(e[0].y, -2.0f);
-        EXPECT_FLOAT_EQ(e[0].z, 0.25f);
-        EXPECT_EQ(e[1].t, 200u);
-
-        std::vector<A::TopBottomCorrection> d;
-        A::loadM29_QDTD(m.c, d, extra);
-        ASSERT_EQ(d.size(), 2u);
-        EXPECT_EQ(extra, 0x1234);
-        EXPECT_EQ(d[0].x, 100);
-        EXPECT_EQ(d[0].y, -200);
-        EXPECT_EQ(d[0].z, 16384);
-        EXPECT_EQ(d[0].t, 0x0102030405060708u);
-        EXPECT_EQ(d[0].reserved[0], 0xAA); // kept as stored, never swapped
-        EXPECT_EQ(d[1].z, -3);
-
-        std::vector<unsigned long long> g;
-        A::loadM30_QDTG(m.c, g, extra);
-        EXPECT_EQ(g, (std::vector<unsigned long long>{10, 0xFFFFFFFF00000001ull}));
-
-        std::vector<A::Gyro> b;
-        A::loadM29_QDTB(m.c, b, extra);
-        ASSERT_EQ(b.size(), 1u);
-        EXPECT_EQ(b[0].x, -5);
-        EXPECT_EQ(b[0].z, -7);
-        EXPECT_EQ(std::memcmp(b[0].reserved, "\xA1\xA2\xA3\xA4", 4), 0);
-
-        std::vector<A::YawCorrection> y;
-        A::loadM29_QDTI(m.c, y, extra);
-        ASSERT_EQ(y.size(), 1u);
-        EXPECT_FLOAT_EQ(y[0].w, 1.0f);
-        EXPECT_FLOAT_EQ(y[0].y, -0.5f);
-        EXPECT_FLOAT_EQ(y[0].z, 0.25f);
-        EXPECT_EQ(y[0].t, 77u);
-
-        // Count 0: nothing read, but extra comes from the header.
-        std::vector<A::Quaternion> h;
-        A::loadM22_QDTH(m.c, h, extra);
-        EXPECT_TRUE(h.empty());
-        EXPECT_EQ(extra, 5);
-    });
-    EXPECT_EQ(out, "");
+    using C = A::Ecompass;
+    using D = A::TopBottomCorrection;
+    using G = A::Gyro;
+    using Y = A::YawCorrection;
+    EXPECT_EQ(loaded(A::loadM29_QDTC, m.c, &C::x, &C::y, &C::z, &C::t), "7 | 1.5 -2 0.25 100 | 3 0 0 200 ");
+    // Reserved bytes are kept as stored, never swapped.
+    EXPECT_EQ(loaded(A::loadM29_QDTD, m.c, &D::x, &D::y, &D::z, &D::t),
+              "4660 | 100 -200 16384 72623859790382856 | -1 2 -3 9 ");
+    std::vector<D> d;
+    unsigned short extra;
+    A::loadM29_QDTD(m.c, d, extra);
+    EXPECT_EQ(d.at(0).reserved[0], 0xAA);
+    EXPECT_EQ(loaded(A::loadM29_QDTB, m.c, &G::x, &G::y, &G::z, &G::t), "0 | -5 6 -7 42 ");
+    std::vector<G> g;
+    A::loadM29_QDTB(m.c, g, extra);
+    EXPECT_EQ(std::memcmp(g.at(0).reserved, "\xA1\xA2\xA3\xA4", 4), 0);
+    EXPECT_EQ(loaded(A::loadM29_QDTI, m.c, &Y::w, &Y::x, &Y::y, &Y::z, &Y::t), "3 | 1 0.5 -0.5 0.25 77 ");
+    EXPECT_EQ(loaded(A::loadM22_QDTH, m.c, &A::Quaternion::t), "5 "); // count 0: extra still read
+    std::vector<unsigned long long> times;
+    A::loadM30_QDTG(m.c, times, extra);
+    EXPECT_EQ(times, (std::vector<unsigned long long>{10, 0xFFFFFFFF00000001ull}));
 
     // A missing box: empty, extra 0, silent.
     Movie none(box("QMKN", Bytes(12, 0)));
-    unsigned short extra = 9;
-    std::vector<A::Gyro> b;
-    EXPECT_EQ(capture([&] { A::loadM29_QDTB(none.c, b, extra); }), "");
-    EXPECT_TRUE(b.empty());
-    EXPECT_EQ(extra, 0);
+    EXPECT_EQ(loaded(A::loadM29_QDTB, none.c, &G::x), "0 ");
 }
 
 TEST(SensorBoxes, MalformedOrHostileBoxesPrintTheirLineAndYieldNothing)
 {
+    using C = A::Ecompass;
+    using D = A::TopBottomCorrection;
     Bytes twoRecords = cat({gravityRecord(1, 2, 3, 4), gravityRecord(5, 6, 7, 8)});
     Bytes swappedMark = sensorBox("QDTC", 24, Bytes(24, 0));
     std::swap(swappedMark[16], swappedMark[17]);
     Movie m(cat({box("QDTB", Bytes(15, 0)), swappedMark, sensorBox("QDTH", 16, 1, Bytes(24, 0)),
                  sensorBox("QDTD", 16, 2, Bytes(twoRecords.begin(), twoRecords.end() - 1))}));
-    std::vector<A::Gyro> b;
-    std::vector<A::Ecompass> e;
-    std::vector<A::Quaternion> h;
-    std::vector<A::TopBottomCorrection> d;
-    unsigned short extra = 1;
-    EXPECT_EQ(capture([&] { A::loadM29_QDTB(m.c, b, extra); }),
-              "QDTB: Not enough length. except less than 24, but 23.\n");
-    EXPECT_EQ(capture([&] { A::loadM29_QDTC(m.c, e, extra); }),
-              "QDTC: Invalid header. unitSize(expect 24, but 24), endian(expect 3210/0123, but 2301).\n");
-    EXPECT_EQ(capture([&] { A::loadM22_QDTH(m.c, h, extra); }),
-              "QDTH: Invalid header. unitSize(expect 24, but 16), endian(expect 3210/0123, but 0123).\n");
-    EXPECT_EQ(capture([&] { A::loadM29_QDTD(m.c, d, extra); }),
-              "QDTD: Not enough length. except less than 24+16*2(=56), but 55.\n");
-    EXPECT_TRUE(b.empty() && e.empty() && h.empty() && d.empty());
-    EXPECT_EQ(extra, 0);
-
+    EXPECT_EQ(loaded(A::loadM29_QDTB, m.c, &A::Gyro::x), "0 QDTB: Not enough length. except less than 24, but 23.\n");
+    EXPECT_EQ(loaded(A::loadM29_QDTC, m.c, &C::x),
+              "0 QDTC: Invalid header. unitSize(expect 24, but 24), endian(expect 3210/0123, but 2301).\n");
+    EXPECT_EQ(loaded(A::loadM22_QDTH, m.c, &A::Quaternion::x),
+              "0 QDTH: Invalid header. unitSize(expect 24, but 16), endian(expect 3210/0123, but 0123).\n");
+    EXPECT_EQ(loaded(A::loadM29_QDTD, m.c, &D::x),
+              "0 QDTD: Not enough length. except less than 24+16*2(=56), but 55.\n");
     // One more byte makes the gravity box acceptable; bytes behind the last
     // record are ignored.
     Movie ok(sensorBox("QDTD", 16, 2, cat({twoRecords, Bytes(9, 0xFF)})));
-    EXPECT_EQ(capture([&] { A::loadM29_QDTD(ok.c, d, extra); }), "");
-    ASSERT_EQ(d.size(), 2u);
-    EXPECT_EQ(d[1].x, 5);
+    EXPECT_EQ(loaded(A::loadM29_QDTD, ok.c, &D::x), "0 | 1 | 5 ");
 
     // 24 + 0xFFFFFFFF * 24 wraps to 0 in 32 bits: still refused.
     Movie wraps(sensorBox("QDTC", 24, 0xFFFFFFFF, Bytes(48, 0)));
-    EXPECT_EQ(capture([&] { A::loadM29_QDTC(wraps.c, e, extra); }),
-              "QDTC: Not enough length. except less than 24+24*4294967295(=0), but 72.\n");
+    EXPECT_EQ(loaded(A::loadM29_QDTC, wraps.c, &C::x),
+              "0 QDTC: Not enough length. except less than 24+24*4294967295(=0), but 72.\n");
     // A box size claiming far more than the file holds is judged by the bytes there.
     Bytes claim = sensorBox("QDTC", 24, 1000, Bytes(48, 0));
     put32be(claim.data(), 0x10000);
     Movie past(claim);
-    std::string out = capture([&] { A::loadM29_QDTC(past.c, e, extra); });
-    EXPECT_NE(out.find("QDTC: Not enough length. except less than 24+24*1000(=24024), but"), std::string::npos) << out;
-    EXPECT_TRUE(e.empty());
+    EXPECT_EQ(loaded(A::loadM29_QDTC, past.c, &C::x).rfind(
+                  "0 QDTC: Not enough length. except less than 24+24*1000(=24024), but", 0),
+              0u);
 }
 
 // A compass box of n records numbered by their time stamps.
