@@ -1,4 +1,4 @@
-#include "GLTKConsole.h"
+#include "GLTKConsole.h" // init_locale
 #include "GLTKFileIO.h"
 #include "GLTKwchar.h"
 #include "MP4BinFile.h"
@@ -92,15 +92,6 @@ TEST(WideStrings, Utf8PathsRoundTripAndConversionsAreCutAt2048Units)
     TempDir dir;
     EXPECT_TRUE(GLTK::FileIO::open_w(w(dir / name), [](GLTK::FileIO& f) { f.write("x", 1); }));
     EXPECT_TRUE(fs::exists(dir / name));
-}
-
-TEST(Console, DumpPrintsUpperCaseHexBytes)
-{
-    testing::internal::CaptureStdout();
-    const uint8_t bytes[] = {0x00, 0xAB, 0x7F};
-    GLTK::Console::dump(L"bytes:", bytes, 3);
-    GLTK::Console::dump(L"none:", bytes, 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "bytes: 00 AB 7F\nnone:\n");
 }
 
 } // namespace

@@ -1,49 +1,14 @@
-// The rotations the sensor code builds: the tilt of a gravity vector onto
-// an axis, and the turn of one direction part way towards another.
+// The turn of one direction part way towards another, which the gravity
+// resampling relies on (the tilt onto an axis is checked in the sensor tests).
 #include <gtest/gtest.h>
 
 #include <cmath>
 
-#include "GLTKMatrix.h"
 #include "GLTKQuaternion.h"
 #include "GLTKVector.h"
 
-using GLTK::Matrix3x3;
 using GLTK::Quaterniond;
-using GLTK::Vector3;
 using GLTK::Vector3d;
-
-namespace {
-
-template <typename T> void expectNear(const GLTK::Vector3T<T>& a, const GLTK::Vector3T<T>& b, double tol)
-{
-    EXPECT_NEAR(a.x, b.x, tol);
-    EXPECT_NEAR(a.y, b.y, tol);
-    EXPECT_NEAR(a.z, b.z, tol);
-}
-
-template <typename T> void expectNear(const GLTK::Matrix3x3T<T>& a, const GLTK::Matrix3x3T<T>& b, double tol)
-{
-    for (size_t i = 0; i < 3; i++)
-        for (size_t j = 0; j < 3; j++)
-            EXPECT_NEAR(a(i, j), b(i, j), tol) << "element " << i << ", " << j;
-}
-
-} // namespace
-
-TEST(Matrix, RodriguesTurnsAVectorOntoAnAxisInSinglePrecision)
-{
-    // The tilt that brings a gravity vector onto the downward y axis; the
-    // axis comes from a right-handed cross product.
-    EXPECT_EQ(Vector3d(1, 0, 0).cross(Vector3d(0, 1, 0)), Vector3d(0, 0, 1));
-    const Vector3 v(300.0f, -8000.0f, 1200.0f), target(0.0f, -1.0f, 0.0f);
-    const Vector3 n = v / v.length();
-    const Vector3 c = n.cross(target);
-    const Matrix3x3 m = Matrix3x3::rodrigues(c / c.length(), n.dot(target), c.length());
-    expectNear(m * n, target, 1e-6);
-    expectNear(m * m.transposed(), Matrix3x3::identity(), 1e-6);
-    EXPECT_EQ(Matrix3x3::rodrigues(Vector3(0, 0, 1), 1.0f, 0.0f), Matrix3x3::identity());
-}
 
 TEST(Quaternion, TowardsTurnsADirectionPartWayAlongTheGreatCircle)
 {

@@ -4,7 +4,6 @@
 #include "Movies.h"
 #include "TestSupport.h"
 
-#include <algorithm>
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
@@ -29,8 +28,8 @@ std::string probe(const fs::path& file, const std::string& entries)
 }
 
 // Top-level box types in file order (the spatial-data uuid as "spatial"),
-// and their offsets.
-std::vector<std::string> topLevel(const fs::path& file, std::vector<uint64_t>* offsets = nullptr)
+// and where one of them starts.
+std::vector<std::string> topLevel(const fs::path& file, const std::string& type = "", uint64_t* offset = nullptr)
 {
     std::vector<std::string> types;
     std::istringstream tree(boxTree(file));
@@ -38,18 +37,17 @@ std::vector<std::string> topLevel(const fs::path& file, std::vector<uint64_t>* o
         if (line.empty() || line[0] == ' ')
             continue;
         types.push_back(line.find("uuid=28f311e2") != std::string::npos ? "spatial" : line.substr(0, 4));
-        if (offsets)
-            offsets->push_back(std::stoull(line.substr(line.find('@') + 1)));
+        if (offset && types.back() == type)
+            *offset = std::stoull(line.substr(line.find('@') + 1));
     }
     return types;
 }
 uint64_t offsetOf(const fs::path& file, const std::string& type)
 {
-    std::vector<uint64_t> offsets;
-    std::vector<std::string> types = topLevel(file, &offsets);
-    auto at = std::find(types.begin(), types.end(), type);
-    EXPECT_NE(at, types.end()) << type;
-    return at == types.end() ? 0 : offsets[size_t(at - types.begin())];
+    uint64_t offset = 0;
+    topLevel(file, type, &offset);
+    EXPECT_NE(offset, 0u) << type;
+    return offset;
 }
 
 void expectSound(const fs::path& file)

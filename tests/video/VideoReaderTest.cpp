@@ -3,10 +3,6 @@
 
 #include <gtest/gtest.h>
 
-extern "C" {
-#include <libavutil/frame.h>
-#include <libavutil/pixfmt.h>
-}
 
 using namespace videotest;
 using GLTK::MediaTime;
@@ -41,24 +37,6 @@ TEST(VideoReader, DescribeSourceGivesDecodedSizeRateDurationAndAudioRate)
               std::string::npos)
         << log;
     EXPECT_NE(log.find("Failed to open " + (dir / "missing.mp4").string() + "."), std::string::npos) << log;
-}
-
-TEST(VideoReader, WithoutAudioVideoAloneCompletesAtTheDecodedSize)
-{
-    GLTKVideoReader reader;
-    reader.setPixelFormatType(GLTK::kPixelFormat_y420);
-    ASSERT_TRUE(reader.start(makeMovie(MovieSpec().length(1)), {}, GLTK::MediaTimeRange::all()));
-    EXPECT_FALSE(reader.hasAudioTrack());
-    EXPECT_FALSE(reader.loadNextAudio(1.0f, [&](const GLTK::AudioBuffer*, MediaTime) { ADD_FAILURE(); }));
-    int frames = 0;
-    while (reader.loadNextFrame([&](const GLTK::VideoFrame* f, MediaTime) {
-        EXPECT_EQ(f->width(), 960) << "play size 0 x 0 keeps the decoded size";
-        EXPECT_EQ(f->avFrame()->color_range, AVCOL_RANGE_MPEG);
-        ++frames;
-    }))
-        ;
-    EXPECT_EQ(frames, 30);
-    EXPECT_EQ(reader.mediaStatus(), GLTKVideoReader::Completed);
 }
 
 TEST(VideoReader, AudioRunningPastTheLimitIsHeldBackUntilVideoCatchesUp)
