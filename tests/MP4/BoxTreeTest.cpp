@@ -126,14 +126,4 @@ TEST(BoxTree, HostileSizesAndDepthNeverReadPastTheirParent)
     EXPECT_LE(depth, MP4::kMaxDepth);
 }
 
-TEST(BoxTree, DumpPrintsIndentedTags)
-{
-    Parsed p(cat({box("ftyp", text("isom")), box("moov", box("udta", box("QMKN", Bytes(4, 0))))}));
-    testing::internal::CaptureStdout();
-    p.c.dump();
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("MP4: <'ftyp': start=0 bytes=12 >"), std::string::npos) << out;
-    EXPECT_NE(out.find("MP4:         <'QMKN': start=28 bytes=12 >"), std::string::npos) << out;
-}
-
 } // namespace

@@ -1,15 +1,10 @@
 #include "camera/GPSInfo.h"
 
-#include "TestSupport.h"
-
 #include <cmath>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <string>
 
 namespace {
-
-using namespace testsupport;
 
 TEST(GPSInfo, Iso6709DecimalDegreesWithAltitudeOnlyBeforeSlashOrDatum)
 {
@@ -116,28 +111,6 @@ TEST(GPSInfo, XmpPacketFrame)
                      "  <VideoStabilization>yaw:enabled,image:disabled</VideoStabilization>\n"
                      "</x:xmpmeta>\n<?xpacket end='w'?>\n"),
               std::string::npos);
-}
-
-TEST(GPSInfo, ExiftoolReadsTheXmpPacket)
-{
-    GPSInfo g;
-    g.attachRXYZ("-33.8688+151.2093+058.500/");
-    g.attachCompass(123.45);
-    std::string xmp = g.to_XMP_string("NARVI ORVEX::Resize.osx 2.8.3.2019.07.25", true, "yaw:enabled,image:disabled");
-    TempDir dir;
-    writeFile(dir / "gps.xmp", std::vector<uint8_t>(xmp.begin(), xmp.end()));
-    std::string out;
-    ASSERT_EQ(run("exiftool -n -s3 -GPSLatitude -GPSLongitude -GPSAltitude -GPSImgDirection " + q(dir / "gps.xmp"), &out),
-              0)
-        << out;
-    std::istringstream lines(out);
-    double lat = 0, lon = 0, alt = 0, direction = 0;
-    lines >> lat >> lon >> alt >> direction;
-    ASSERT_FALSE(lines.fail()) << out;
-    EXPECT_NEAR(lat, -33.8688, 1e-6);
-    EXPECT_NEAR(lon, 151.2093, 1e-6);
-    EXPECT_NEAR(alt, 58.5, 1e-9);
-    EXPECT_NEAR(direction, 123.5, 1e-9); // tenths, rounded
 }
 
 } // namespace

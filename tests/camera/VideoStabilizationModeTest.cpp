@@ -29,10 +29,8 @@ TEST(VideoStabilizationMode, ResolvesSourceCodeAndRequestIntoTheWrittenCode)
         m.yaw = c.yaw;
         m.image = c.image;
         EXPECT_EQ(m.resolvState(c.source, c.imageAvailable), c.result) << c.what;
-        if (c.yawOut >= 0)
-            EXPECT_EQ(m.yaw, c.yawOut) << c.what;
-        if (c.yawMode >= 0)
-            EXPECT_EQ(m.yawMode, c.yawMode) << c.what;
+        EXPECT_TRUE(c.yawOut < 0 || m.yaw == c.yawOut) << c.what << ": yaw " << m.yaw;
+        EXPECT_TRUE(c.yawMode < 0 || m.yawMode == c.yawMode) << c.what << ": yaw mode " << m.yawMode;
         EXPECT_EQ(m.exif, c.exif) << c.what;
     }
     // Code 2 maps to yaw mode 1 in the resolution above but to 0 here.
@@ -41,30 +39,18 @@ TEST(VideoStabilizationMode, ResolvesSourceCodeAndRequestIntoTheWrittenCode)
         EXPECT_EQ(VideoStabilizationMode::yawModeOf(v), expected[v]) << v;
 }
 
-TEST(VideoStabilizationMode, SummaryFollowsTheResolvedModeDescriptionTheRequest)
+TEST(VideoStabilizationMode, SummaryFollowsTheResolvedModeNotTheRequest)
 {
     VideoStabilizationMode m;
     std::string s;
-    std::wstring w;
     EXPECT_STREQ(m.stabilizeModeSummary(s), "yaw:unknown,image:unknown");
-    m.to_s(w);
-    EXPECT_EQ(w, L"yaw:UNDEF,image:UNDEF,source:-1,exif:-1");
-
-    m.yaw = 2;
+    m.yaw = 0;
     m.yawMode = 2;
     m.image = 1;
-    m.imageGain = 0.5f;
-    m.source = m.exif = 13;
     EXPECT_STREQ(m.stabilizeModeSummary(s), "yaw:lockDir,image:enabled");
     EXPECT_EQ(s, "yaw:lockDir,image:enabled");
-    m.to_s(w);
-    EXPECT_EQ(w, L"yaw:lockDir,image:enabled,image_gain:0.5,source:13,exif:13");
-
-    m.yaw = 0;
     m.yawMode = 1;
     m.image = 0;
-    m.to_s(w);
-    EXPECT_EQ(w, L"yaw:disabled,image:disabled,source:13,exif:13");
     EXPECT_STREQ(m.stabilizeModeSummary(s), "yaw:enabled,image:disabled");
 }
 
