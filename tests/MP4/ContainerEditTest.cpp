@@ -78,17 +78,4 @@ TEST(ContainerEdit, FailedCopyReportsAndLeavesNoTemporaryFile)
     EXPECT_NE(m.c.moov, nullptr); // re-parsed from the unchanged file
 }
 
-TEST(ContainerEdit, UpdateTimeStampWritesEveryHeader)
-{
-    SyntheticMovie m(true);
-    ASSERT_TRUE(m.c.updateTimeStamp(0x12345678));
-    EXPECT_EQ(static_cast<MP4::MVHD*>(m.c.first("moov.mvhd"))->creationTime, 0x12345678u);
-    int n = 0;
-    m.c.find("moov.trak.tkhd", [&](MP4::BOX& b) {
-        EXPECT_EQ(static_cast<MP4::TKHD&>(b).creationTime, 0x12345678u);
-        return ++n;
-    });
-    EXPECT_EQ(n, 2);
-}
-
 } // namespace

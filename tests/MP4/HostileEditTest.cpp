@@ -1,8 +1,6 @@
 // Edits on movies with damaged box headers: nothing may read or write out of
 // bounds, and an edit that fails leaves the file as it was.
 #include "AccelSensorStreamEmbed.h"
-#include "GLTKwchar.h"
-#include "MP4Container.h"
 #include "SensorBoxBytes.h"
 #include "SpatialSound.h"
 #include "SyntheticBoxes.h"
@@ -17,16 +15,19 @@ namespace {
 // A movie with every kind of box the edits touch.
 Bytes fullMovie()
 {
-    Bytes ftyp = box("ftyp", text("isom"));
-    uint32_t at = uint32_t(ftyp.size() + 8);
     Bytes loci = fullbox("loci", 0, cat({Bytes{0x15, 0xC7, 0, 0}, u32s({1 << 16, 2 << 16, 3 << 16}), Bytes{0, 0}}));
-    Bytes udta = box("udta", cat({box("QMKN", Bytes(16, 1)), sensorBox("QDTC", 24, pattern(4 * 24, 3)),
-                                  sensorBox("QDTD", 16, pattern(5 * 16, 3)), loci, box("QDT9", Bytes(24, 0))}));
-    Bytes sph = box("uuid", cat({kSphericalUUID, text("<xml/>")}));
-    Bytes moov = box("moov", cat({fullbox("mvhd", 0, Bytes(96, 0)), mediaTrak(960, 480, {at, at + 500}, 500, false, sph),
-                                  mediaTrak(0, 0, {at + 1000}, 500, true), udta}));
-    Bytes f = cat({ftyp, box("mdat", pattern(1500, 4)), moov});
-    return cat({f, spatialBox(pattern(8 * 1536 * 3, 6), 48000, 8, f.size() + 32)});
+    Bytes udta = cat({box("QMKN", Bytes(16, 1)), sensorBox("QDTC", 24, pattern(4 * 24, 3)),
+                      sensorBox("QDTD", 16, pattern(5 * 16, 3)), loci, box("QDT9", Bytes(24, 0))});
+    return SyntheticMovie(false, udta, [](Bytes& f) {
+               // A Spherical Video box in the video track, and spatial data at the end.
+               Bytes sph = box("uuid", cat({kSphericalUUID, text("<xml/>")}));
+               f = cat({f, spatialBox(pattern(8 * 1536 * 3, 6), 48000, 8, f.size() + sph.size() + 32)});
+               for (const char* path : {"moov", "moov.trak"})
+                   put32be(f.data() + findOne(f, path)->start, uint32_t(findOne(f, path)->size + sph.size()));
+               const BoxAt trak = *findOne(f, "moov.trak");
+               f.insert(f.begin() + long(trak.end() - sph.size()), sph.begin(), sph.end());
+           })
+        .file;
 }
 
 TEST(HostileEdits, DamagedHeadersNeverBreakBoundsAndFailedEditsLeaveTheFile)

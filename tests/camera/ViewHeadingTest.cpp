@@ -12,11 +12,6 @@ const std::string header = "<rdf:SphericalVideo xmlns:GSpherical='http://ns.goog
                            "  <GSpherical:Stitched>true</GSpherical:Stitched>\n"
                            "  <GSpherical:ProjectionType>equirectangular</GSpherical:ProjectionType>\n";
 
-bool allViewUnset(const ViewHeading& v)
-{
-    return std::isnan(v.heading) && std::isnan(v.pitch) && std::isnan(v.fov) && std::isnan(v.dolly);
-}
-
 TEST(ViewHeading, DocumentTextAndRoundTripTruncatingAngles)
 {
     ViewHeading v;
@@ -45,30 +40,18 @@ TEST(ViewHeading, DocumentTextAndRoundTripTruncatingAngles)
     EXPECT_EQ(back.pitch, 12.0f);
     EXPECT_EQ(back.dolly, 0.25f);
     EXPECT_EQ(back.toString(), v.toString());
-}
 
-TEST(ViewHeading, AttachTextReplacesEverything)
-{
-    ViewHeading v;
-    v.stitchingSoftware = "old";
-    v.heading = 10;
-    v.dolly = 1;
-    v.timestamp = 5;
-    v.attach(std::string("<rdf:SphericalVideo><GSpherical:Spherical>true</GSpherical:Spherical></rdf:SphericalVideo>"));
-    EXPECT_TRUE(allViewUnset(v));
-    EXPECT_EQ(v.timestamp, 0u);
-    EXPECT_EQ(v.stitchingSoftware, "");
-
-    // Elements must stand at their two-blank indent to be found, a value that
-    // does not scan is unset, and an unclosed software element gives no text.
-    v.attach(std::string("<GSpherical:InitialViewHeadingDegrees>45</GSpherical:InitialViewHeadingDegrees>\n"
-                         "  <GSpherical:InitialViewPitchDegrees>x</GSpherical:InitialViewPitchDegrees>\n"
-                         "  <GSpherical:InitialHorizontalFOVDegrees>80</GSpherical:InitialHorizontalFOVDegrees>\n"
-                         "  <GSpherical:StitchingSoftware>dangling"));
-    EXPECT_TRUE(std::isnan(v.heading));
-    EXPECT_TRUE(std::isnan(v.pitch));
-    EXPECT_EQ(v.fov, 80.0f);
-    EXPECT_EQ(v.stitchingSoftware, "");
+    // Attaching text replaces everything. Elements must stand at their
+    // two-blank indent to be found, a value that does not scan is unset, and
+    // an unclosed software element gives no text.
+    back.attach(std::string("<GSpherical:InitialViewHeadingDegrees>45</GSpherical:InitialViewHeadingDegrees>\n"
+                            "  <GSpherical:InitialViewPitchDegrees>x</GSpherical:InitialViewPitchDegrees>\n"
+                            "  <GSpherical:InitialHorizontalFOVDegrees>80</GSpherical:InitialHorizontalFOVDegrees>\n"
+                            "  <GSpherical:StitchingSoftware>dangling"));
+    EXPECT_TRUE(std::isnan(back.heading) && std::isnan(back.pitch) && std::isnan(back.dolly));
+    EXPECT_EQ(back.fov, 80.0f);
+    EXPECT_EQ(back.timestamp, 0u);
+    EXPECT_EQ(back.stitchingSoftware, "");
 }
 
 TEST(ViewHeading, MergeTakesOnlySetValues)

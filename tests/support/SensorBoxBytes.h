@@ -22,47 +22,38 @@ inline uint32_t floatBits(float f)
     std::memcpy(&u, &f, 4);
     return u;
 }
-
-// QDTD record: gravity x, y, z (16 bits), 2 reserved (0xAA 0xBB), time.
-inline Bytes gravityRecord(int16_t x, int16_t y, int16_t z, uint64_t t, Order o = Order::Little)
+// A record: fields of the given width, the reserved bytes as given, then
+// the 64-bit time.
+inline Bytes record(int width, std::initializer_list<uint32_t> fields, const Bytes& reserved, uint64_t t, Order o)
 {
     Bytes b;
-    for (int16_t v : {x, y, z})
-        put(b, uint16_t(v), 2, o);
-    b.insert(b.end(), {0xAA, 0xBB});
+    for (uint32_t v : fields)
+        put(b, v, width, o);
+    b.insert(b.end(), reserved.begin(), reserved.end());
     put(b, t, 8, o);
     return b;
 }
-// QDTB / QDTC record: x, y, z (32 bits), 4 reserved (0xA1 .. 0xA4), time.
+// QDTD: gravity x, y, z (16 bits), 2 reserved (0xAA 0xBB), time.
+inline Bytes gravityRecord(int16_t x, int16_t y, int16_t z, uint64_t t, Order o = Order::Little)
+{
+    return record(2, {uint16_t(x), uint16_t(y), uint16_t(z)}, {0xAA, 0xBB}, t, o);
+}
+// QDTB / QDTC: x, y, z (32 bits), 4 reserved (0xA1 .. 0xA4), time.
 inline Bytes xyzRecord(uint32_t x, uint32_t y, uint32_t z, uint64_t t, Order o = Order::Little)
 {
-    Bytes b;
-    for (uint32_t v : {x, y, z})
-        put(b, v, 4, o);
-    b.insert(b.end(), {0xA1, 0xA2, 0xA3, 0xA4});
-    put(b, t, 8, o);
-    return b;
+    return record(4, {x, y, z}, {0xA1, 0xA2, 0xA3, 0xA4}, t, o);
 }
 inline Bytes compassRecord(float x, float y, float z, uint64_t t, Order o = Order::Little)
 {
     return xyzRecord(floatBits(x), floatBits(y), floatBits(z), t, o);
 }
-// QDTH / QDTI record: w, x, y, z (floats), time.
+// QDTH / QDTI: w, x, y, z (floats), time.
 inline Bytes quaternionRecord(float w, float x, float y, float z, uint64_t t, Order o = Order::Little)
 {
-    Bytes b;
-    for (float v : {w, x, y, z})
-        put(b, floatBits(v), 4, o);
-    put(b, t, 8, o);
-    return b;
+    return record(4, {floatBits(w), floatBits(x), floatBits(y), floatBits(z)}, {}, t, o);
 }
-// QDTG record: one time.
-inline Bytes timeRecord(uint64_t t, Order o = Order::Little)
-{
-    Bytes b;
-    put(b, t, 8, o);
-    return b;
-}
+// QDTG: one time.
+inline Bytes timeRecord(uint64_t t, Order o = Order::Little) { return record(4, {}, {}, t, o); }
 
 // The box: count, extra, unitSize, mark, 6 reserved, then the records.
 inline Bytes sensorBox(const std::string& type, uint16_t unitSize, uint32_t count, const Bytes& records,
@@ -87,9 +78,8 @@ inline Bytes sensorBox(const std::string& type, uint16_t unitSize, const Bytes& 
 // given.
 inline Bytes movieWithUdta(const Bytes& udtaChildren)
 {
-    Bytes ftyp = text("isom");
+    Bytes ftyp = text("isom"), mvhd;
     add32(ftyp, 0x200);
-    Bytes mvhd;
     for (uint32_t v : {0, 0, 1000, 2000}) // creation, modification, time scale, duration
         add32(mvhd, v);
     mvhd.resize(mvhd.size() + 80, 0);
