@@ -6,7 +6,6 @@
 #include "GPSInfo.h"
 #include "MP4Container.h"
 #include "Movies.h"
-#include "SpatialSound.h"
 #include "SyntheticBoxes.h"
 
 #include <cmath>
@@ -43,7 +42,6 @@ Bytes payloadAt(const fs::path& file, const std::string& path)
 }
 
 const std::string kSph = "uuid=ffcc8263f8554a938814587a02521fdd";
-const std::string kSpatial = "uuid=28f311e2b7914f6f94e24f5deacb3c01";
 
 // A copy of a shared movie, and its container.
 struct Work {
@@ -266,61 +264,6 @@ TEST(MovieEdit, GpsMetaCopiedOnceFromTheSource)
     EXPECT_EQ(capture(copy), "MP4: moov.meta(GPS) is existed.\n");
     EXPECT_TRUE(ok);
     EXPECT_EQ(readFile(m.file), once);
-}
-
-// A re-encoded output as the rebuild meets it: no spatial data yet, and the
-// source's udta (with its QDT9 pointer) already copied over.
-struct SpatialWork : Work {
-    fs::path source = sharedMovie("--model newer");
-    uint64_t offset = 0, length = 0;
-    SpatialWork() : Work("--model newer --spatial none")
-    {
-        Bytes s = readFile(source);
-        auto udta = findOne(s, "moov.udta");
-        EXPECT_TRUE(c.replaceUdta(0, ByteArray(s.data() + udta->start, udta->size)));
-        for (const BoxAt& b : findAll(s, "uuid"))
-            if (slice(s, b.body(), 16) == kSpatialUUID)
-                offset = b.start, length = b.size;
-        EXPECT_GT(length, 0u);
-    }
-    bool withSource(const std::function<bool(GLTK::FileIO&)>& f)
-    {
-        bool ok = false;
-        GLTK::FileIO::open(w(source), [&](GLTK::FileIO& in) { ok = f(in); });
-        return ok;
-    }
-};
-
-TEST(MovieEdit, SpatialDataTrimmedToASecond)
-{
-    SpatialWork m;
-    MP4::SpatialSound sound;
-    ASSERT_TRUE(sound.attach(w(m.source), 0.5, 1.5));
-    ASSERT_TRUE(m.withSource([&](GLTK::FileIO& in) { return m.c.trimSpatialData(in, m.offset, sound); }));
-    std::string why;
-    EXPECT_TRUE(decodesCleanly(m.file, &why)) << why;
-    EXPECT_TRUE(nestingOk(m.file, &why)) << why;
-    EXPECT_TRUE(offsetsOk(m.file, &why)) << why;
-    EXPECT_TRUE(samplesEqual(m.original, m.file, &why)) << why; // the movie's own tracks
-    Bytes kept = payloadAt(m.file, kSpatial + ".QADT");
-    ASSERT_EQ(kept.size(), 384000u);
-    EXPECT_EQ(kept, slice(payloadAt(m.source, kSpatial + ".QADT"), 192000, 384000));
-    EXPECT_EQ(kept[0] | kept[1] << 8, 24000); // each sample carries its index
-    // Chunks of 1536 samples from the start of the kept samples.
-    Bytes f = readFile(m.file);
-    auto qadt = findOne(f, "uuid.QADT");
-    std::vector<uint64_t> offs = chunkOffsets(f, "uuid.QATR.mdia.minf.stbl");
-    ASSERT_EQ(offs.size(), 32u);
-    for (size_t i = 0; i < offs.size(); ++i)
-        EXPECT_EQ(offs[i], qadt->body() + 12288 * i);
-    EXPECT_EQ(get64(payloadAt(m.file, "moov.udta.QDT9"), 8), 384008u);
-
-    // Spatial data is added once.
-    std::string out = capture([&] {
-        EXPECT_TRUE(m.withSource([&](GLTK::FileIO& in) { return m.c.appendSpatialData(in, m.offset, m.length); }));
-    });
-    EXPECT_EQ(out, "MP4: SpatialData is existed.\n");
-    EXPECT_EQ(readFile(m.file), f);
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // The spatial-audio track cut to a time range, and the spatial-data box
-// refused from wrong places. Carrying it over to real movies is checked in
-// MovieEditTest.
+// refused from wrong places or when there is one. Carrying it over to real
+// movies is checked end to end.
 #include "SpatialSound.h"
 #include "SyntheticBoxes.h"
 
@@ -113,6 +113,14 @@ TEST(SpatialData, WrongSourcePlacesAreRefusedAndLeaveTheFile)
                                   {src.uuidAt, 1ull << 40}, {UINT64_MAX - 8, 64}})
         refused([&](GLTK::FileIO& in) { return out.c.appendSpatialData(in, offset, length); }, "appendSpatialData(");
     refused([&](GLTK::FileIO& in) { return out.c.trimSpatialData(in, 8, sound); }, "trimSpatialData(");
+
+    // A movie that has spatial data gets none added.
+    bool ok = false;
+    testing::internal::CaptureStdout();
+    GLTK::FileIO::open(w(src.path()), [&](GLTK::FileIO& in) { ok = src.c.appendSpatialData(in, src.uuidAt, src.uuidSize); });
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "MP4: SpatialData is existed.\n");
+    EXPECT_TRUE(ok);
+    EXPECT_TRUE(src.unchanged());
 }
 
 } // namespace

@@ -15,23 +15,8 @@ std::wstring w(const path& p) { return GLTK::wchar::mbs2wcs(p.string()); }
 using Bytes = std::vector<uint8_t>;
 Bytes bytesOf(const ByteArray& a) { return Bytes(a.data, a.data + a.length); }
 
-// Width and height of a JPEG as libjpeg-turbo decodes it; false when it is
-// not a readable JPEG.
-bool jpegSize(const Bytes& jpeg, int& width, int& height)
-{
-    tjhandle tj = tjInitDecompress();
-    int sub = 0, cs = 0;
-    bool ok = tjDecompressHeader3(tj, jpeg.data(), jpeg.size(), &width, &height, &sub, &cs) == 0;
-    if (ok) {
-        Bytes pixels(size_t(width) * size_t(height) * 3);
-        ok = tjDecompress2(tj, jpeg.data(), jpeg.size(), pixels.data(), width, 0, height, TJPF_RGB, 0) == 0;
-    }
-    tjDestroy(tj);
-    return ok;
-}
-
 // The stripped JPEG that the bounded thumbnail makes at one quality, built
-// independently from the same first frame.
+// independently from the same first frame with libjpeg-turbo.
 Bytes referenceJpeg(const path& movie, int width, int quality)
 {
     auto frame = GLTKVideoReader::copyFirstFrame(movie, {width, width / 2}, GLTK::kPixelFormat_BGRA);
@@ -87,11 +72,7 @@ TEST(Thumbnailer, BoundedJpegTakesTheFirstQualityThatFitsAndGivesUpAfterFifteen)
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "bool Thumbnailer::saveFrame(ByteArray &, int, size_t): targetSize:" +
                                                           std::to_string(q75.size()) + "->" +
                                                           std::to_string(q75.size()) + "\n");
-    EXPECT_EQ(bytesOf(out), q75); // stripped of its APP segments
-    int width = 0, height = 0;
-    ASSERT_TRUE(jpegSize(bytesOf(out), width, height));
-    EXPECT_EQ(width, 480);
-    EXPECT_EQ(height, 240);
+    EXPECT_EQ(bytesOf(out), q75); // the 480 x 240 first frame, stripped of its APP segments
 
     // Nothing fits: the fourteenth and last attempt, quality 0.15, stays.
     testing::internal::CaptureStdout();
