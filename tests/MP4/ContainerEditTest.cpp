@@ -42,16 +42,16 @@ TEST(ContainerEdit, MoovFirstShiftsEveryTableAndWrapsStcoInsteadOfPromoting)
 TEST(ContainerEdit, OutputPathLeavesTheSourceAloneButNotIfItIsTheSameFile)
 {
     SyntheticMovie m(false);
-    m.c.outputPath = GLTK::wchar::mbs2wcs((m.dir / "out.mp4").string());
+    m.c.outputPath = w(m.dir / "out.mp4");
     ASSERT_TRUE(m.c.moovFirst());
     EXPECT_TRUE(m.unchanged());
-    EXPECT_EQ(m.c.path, GLTK::wchar::mbs2wcs((m.dir / "out.mp4").string()));
+    EXPECT_EQ(m.c.path, w(m.dir / "out.mp4"));
     EXPECT_FALSE(m.c.outputPath.has_value());
     EXPECT_EQ(top(m.c), (std::vector<std::string>{"ftyp", "moov", "mdat"}));
 
     SyntheticMovie linked(false);
     fs::create_hard_link(linked.path(), linked.dir / "link.mp4");
-    linked.c.outputPath = GLTK::wchar::mbs2wcs((linked.dir / "link.mp4").string());
+    linked.c.outputPath = w(linked.dir / "link.mp4");
     testing::internal::CaptureStdout();
     EXPECT_FALSE(linked.c.moovFirst());
     testing::internal::GetCapturedStdout();

@@ -2,7 +2,6 @@
 #include "SyntheticBoxes.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 using namespace testsupport;
 
@@ -22,12 +21,6 @@ Bytes expectClean(const SyntheticMovie& m)
 {
     EXPECT_TRUE(findAll(readFile(m.path()), "moov.udta.loci").empty());
     return m.expectMediaIntact();
-}
-
-ino_t inode(const fs::path& p)
-{
-    struct stat st;
-    return stat(p.c_str(), &st) == 0 ? st.st_ino : 0;
 }
 
 TEST(RemoveBadLoci, GoodOrNoLociAreLeftAloneWithoutRewriting)

@@ -11,15 +11,6 @@ using namespace testsupport;
 
 namespace {
 
-std::wstring w(const fs::path& p) { return GLTK::wchar::mbs2wcs(p.string()); }
-
-std::string capture(const std::function<void()>& f)
-{
-    testing::internal::CaptureStdout();
-    f();
-    return testing::internal::GetCapturedStdout();
-}
-
 TEST(MetadataAppend, AnOpenEndedLastBoxIsSealedBeforeAppending)
 {
     size_t mdatAt = 0;

@@ -10,20 +10,10 @@
 
 #include <cmath>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 using namespace testsupport;
 
 namespace {
-
-std::wstring w(const fs::path& p) { return GLTK::wchar::mbs2wcs(p.string()); }
-
-std::string capture(const std::function<void()>& f)
-{
-    testing::internal::CaptureStdout();
-    f();
-    return testing::internal::GetCapturedStdout();
-}
 
 void expectIntact(const fs::path& original, const fs::path& edited)
 {
@@ -152,12 +142,6 @@ std::string colorRange(const fs::path& f)
     return out.substr(0, out.find_first_of(",\n"));
 }
 const char* kAvcC = "moov.trak.mdia.minf.stbl.stsd.avc1.avcC";
-
-ino_t inode(const fs::path& p)
-{
-    struct stat st;
-    return stat(p.c_str(), &st) == 0 ? st.st_ino : 0;
-}
 
 TEST(MovieEdit, AvcCReusesTheUdtaSpaceThenRewritesInPlace)
 {

@@ -10,8 +10,6 @@ using namespace testsupport;
 
 namespace {
 
-std::wstring w(const fs::path& p) { return GLTK::wchar::mbs2wcs(p.string()); }
-
 // 2.5 seconds of 48 kHz sound, 8 bytes a sample.
 const Bytes kPayload = pattern(960000, 5);
 

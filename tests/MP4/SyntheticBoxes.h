@@ -11,6 +11,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <sys/stat.h>
 
 namespace testsupport {
 
@@ -31,6 +32,20 @@ inline Bytes u32s(std::initializer_list<uint32_t> v)
     for (uint32_t x : v)
         add32(b, x);
     return b;
+}
+
+inline std::wstring w(const fs::path& p) { return GLTK::wchar::mbs2wcs(p.string()); }
+inline ino_t inode(const fs::path& p)
+{
+    struct stat st;
+    return stat(p.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+// What f printed.
+inline std::string capture(const std::function<void()>& f)
+{
+    testing::internal::CaptureStdout();
+    f();
+    return testing::internal::GetCapturedStdout();
 }
 
 // A byte pattern that shows any shift.
@@ -188,7 +203,7 @@ struct SyntheticMovie {
         if (damage)
             damage(file);
         writeFile(path(), file);
-        EXPECT_TRUE(c.attach(GLTK::wchar::mbs2wcs(path().string())));
+        EXPECT_TRUE(c.attach(w(path())));
     }
     fs::path path() const { return dir / "m.mp4"; }
     bool unchanged() const { return readFile(path()) == file && !fs::exists(dir / "m.mp4.tmp.mp4"); }

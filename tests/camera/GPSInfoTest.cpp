@@ -20,9 +20,7 @@ TEST(GPSInfo, Iso6709DecimalDegreesWithAltitudeOnlyBeforeSlashOrDatum)
         {"+3539.51+13945.06/", no, no, no}, // degree-minute form
         {"35.6586+139.7454/", no, 139.7454, no}, // a missing sign fails that coordinate only
         {"+35.6586+139.7454+40m/", 35.6586, 139.7454, no},
-        {"+35.6586+139.7454+40", 35.6586, 139.7454, no},
         {"+35.6586+139.7454+40CRSWGS_84/x", 35.6586, 139.7454, no},
-        {"", no, no, no},
     };
     for (const Case& c : cases) {
         GPSInfo g;

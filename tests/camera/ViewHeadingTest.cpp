@@ -78,12 +78,4 @@ TEST(ViewHeading, MergeTakesOnlySetValues)
     EXPECT_EQ(base.stitchingSoftware, "other");
 }
 
-TEST(ViewHeading, ValuesOutsideIntRangeDoNotBreakTheWriter)
-{
-    std::string out;
-    ViewHeading::writeValue<int>(out, INFINITY, "%d|");
-    ViewHeading::writeValue<int>(out, -1e30f, "%d|");
-    EXPECT_EQ(out.back(), '|');
-}
-
 } // namespace

@@ -39,8 +39,6 @@ TEST(GolombBitStream, CodesOfUpToFifteenLeadingZerosReadBackLongerOnesAreRefused
     // leaving the last two bits of the code unread (then the code of 0).
     EXPECT_EQ(thrown([&] { r.read_golomb(); }), "too log golomb sream");
     EXPECT_EQ(r.read_bits(3).pattern, 0b001u);
-    GolombBitStream zeros = readerOf([](GolombBitStream& w) { w.write_bits(0, 100); });
-    EXPECT_EQ(thrown([&] { zeros.read_golomb(); }), "too log golomb sream");
     GolombBitStream cut = readerOf([](GolombBitStream& w) { w.write_bits(0, 4); }); // and four padding zeros
     EXPECT_EQ(thrown([&] { cut.read_golomb(); }), "no more data");
 

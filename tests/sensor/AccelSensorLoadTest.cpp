@@ -44,17 +44,6 @@ std::string samplesOf(const Embed& e, bool orientation = false)
     return o.str();
 }
 
-// A movie holding the given udta boxes, attached to a container.
-struct Movie {
-    TempDir dir;
-    MP4::Container c;
-    explicit Movie(const Bytes& udtaChildren)
-    {
-        writeFile(dir / "movie.mp4", movieWithUdta(udtaChildren));
-        EXPECT_TRUE(c.attach((dir / "movie.mp4").wstring()));
-    }
-};
-
 // n records made by record(i), in a box of the type.
 Bytes boxOf(const char* type, uint16_t unit, int n, const std::function<Bytes(int)>& record)
 {
@@ -69,7 +58,7 @@ Bytes northBox(int n) { return boxOf("QDTC", 24, n, [](int i) { return compassRe
 
 TEST(SensorMovieLoad, GravityAxesAreNegatedAndYZExchanged)
 {
-    Movie m(cat({yawBox(), sensorBox("QDTD", 16, cat({gravityRecord(100, 200, 300, 10), gravityRecord(-32768, 0, 5, 20)})),
+    UdtaMovie m(cat({yawBox(), sensorBox("QDTD", 16, cat({gravityRecord(100, 200, 300, 10), gravityRecord(-32768, 0, 5, 20)})),
                  northBox(2)}));
     Embed e;
     printedBy([&] { ASSERT_TRUE(e.loadM29(m.c, 3)); });
@@ -89,7 +78,7 @@ TEST(SensorMovieLoad, CompassMustCoverEveryGravityRecordAndReloadingStartsClear)
                     })});
     };
     Embed e;
-    Movie short9(build(10, 9)), none(build(0, 1)), enough(build(10, 12));
+    UdtaMovie short9(build(10, 9)), none(build(0, 1)), enough(build(10, 12));
     EXPECT_EQ(printedBy([&] { EXPECT_FALSE(e.loadM29(short9.c, 1)); }),
               "QDTC/QDTD is not enough size.\n  QDTC:   9\n  QDTD/G: 10\n");
     EXPECT_NE(printedBy([&] { EXPECT_FALSE(e.loadM29(none.c, 1)); }).find("  QDTD/G: 0\n"), std::string::npos);
@@ -97,10 +86,10 @@ TEST(SensorMovieLoad, CompassMustCoverEveryGravityRecordAndReloadingStartsClear)
     EXPECT_EQ(samplesOf(e, true), "0 -16384 0 0|0 -16384 0 9000|0 -16384 0 0|0 -16384 0 9000|0 -16384 0 0|0 -16384 0 9000|"
                             "0 -16384 0 0|0 -16384 0 9000|0 -16384 0 0|0 -16384 0 9000|");
 
-    Movie upsideDown(cat({yawBox(), sensorBox("QDTD", 16, gravityRecord(0, 0, -16384, 0)), northBox(1)}));
+    UdtaMovie upsideDown(cat({yawBox(), sensorBox("QDTD", 16, gravityRecord(0, 0, -16384, 0)), northBox(1)}));
     printedBy([&] { ASSERT_TRUE(e.loadM29(upsideDown.c, 1)); });
     EXPECT_TRUE(e.isReversed()); // sample y = +16384
-    Movie empty(Bytes{});
+    UdtaMovie empty(Bytes{});
     printedBy([&] { EXPECT_FALSE(e.loadM29(empty.c, 1)); });
     EXPECT_TRUE(e.getSamples().empty());
     EXPECT_FALSE(e.isReversed() || e.isFrontReversed());
@@ -114,7 +103,7 @@ TEST(SensorMovieLoad, GravityResampledBeforeAtBetweenAndAfterTheRecords)
     const Bytes gravity = sensorBox("QDTD", 16, cat({gravityRecord(16384, 0, 0, 5000000), gravityRecord(0, 3000, 4000, 6000000),
                                                      gravityRecord(10000, 0, 0, 7000000), gravityRecord(20000, 0, 0, 8000000)}));
     auto resampled = [](const Bytes& udta, std::string& printed, unsigned short* extra = nullptr) {
-        Movie m(udta);
+        UdtaMovie m(udta);
         std::vector<Gravity> out(3); // stale records are dropped
         unsigned short e = 0;
         printed = printedBy([&] { Embed().loadM30_QDTD_with_QDTG(m.c, out, extra ? *extra : e); });

@@ -12,17 +12,6 @@ using A = AccelSensorStreamEmbed;
 
 namespace {
 
-// A movie holding only moov.udta with the given boxes.
-struct Movie {
-    TempDir dir;
-    MP4::Container c;
-    explicit Movie(const Bytes& udtaChildren)
-    {
-        writeFile(dir / "m.mp4", box("moov", cat({fullbox("mvhd", 0, Bytes(96, 0)), box("udta", udtaChildren)})));
-        EXPECT_TRUE(c.attach(GLTK::wchar::mbs2wcs((dir / "m.mp4").string())));
-    }
-};
-
 // What a loader read and printed: the extra value, then each record's
 // fields, then the printed text.
 template <class R, class... F>
@@ -45,7 +34,7 @@ std::string loaded(void (*load)(MP4::Container&, std::vector<R>&, unsigned short
 TEST(SensorBoxes, ReadsLittleAndBigEndianRecordsSilently)
 {
     const Order B = Order::Big;
-    Movie m(cat({box("QMKN", Bytes(12, 0)),
+    UdtaMovie m(cat({box("QMKN", Bytes(12, 0)),
                  sensorBox("QDTC", 24, cat({compassRecord(1.5f, -2.0f, 0.25f, 100), compassRecord(3, 0, 0, 200)}),
                            Order::Little, 7),
                  sensorBox("QDTD", 16, cat({gravityRecord(100, -200, 16384, 0x0102030405060708, B),
@@ -77,7 +66,7 @@ TEST(SensorBoxes, ReadsLittleAndBigEndianRecordsSilently)
     EXPECT_EQ(times, (std::vector<unsigned long long>{10, 0xFFFFFFFF00000001ull}));
 
     // A missing box: empty, extra 0, silent.
-    Movie none(box("QMKN", Bytes(12, 0)));
+    UdtaMovie none(box("QMKN", Bytes(12, 0)));
     EXPECT_EQ(loaded(A::loadM29_QDTB, none.c, &G::x), "0 ");
 }
 
@@ -88,7 +77,7 @@ TEST(SensorBoxes, MalformedOrHostileBoxesPrintTheirLineAndYieldNothing)
     Bytes twoRecords = cat({gravityRecord(1, 2, 3, 4), gravityRecord(5, 6, 7, 8)});
     Bytes swappedMark = sensorBox("QDTC", 24, Bytes(24, 0));
     std::swap(swappedMark[16], swappedMark[17]);
-    Movie m(cat({box("QDTB", Bytes(15, 0)), swappedMark, sensorBox("QDTH", 16, 1, Bytes(24, 0)),
+    UdtaMovie m(cat({box("QDTB", Bytes(15, 0)), swappedMark, sensorBox("QDTH", 16, 1, Bytes(24, 0)),
                  sensorBox("QDTD", 16, 2, Bytes(twoRecords.begin(), twoRecords.end() - 1))}));
     EXPECT_EQ(loaded(A::loadM29_QDTB, m.c, &A::Gyro::x), "0 QDTB: Not enough length. except less than 24, but 23.\n");
     EXPECT_EQ(loaded(A::loadM29_QDTC, m.c, &C::x),
@@ -99,17 +88,17 @@ TEST(SensorBoxes, MalformedOrHostileBoxesPrintTheirLineAndYieldNothing)
               "0 QDTD: Not enough length. except less than 24+16*2(=56), but 55.\n");
     // One more byte makes the gravity box acceptable; bytes behind the last
     // record are ignored.
-    Movie ok(sensorBox("QDTD", 16, 2, cat({twoRecords, Bytes(9, 0xFF)})));
+    UdtaMovie ok(sensorBox("QDTD", 16, 2, cat({twoRecords, Bytes(9, 0xFF)})));
     EXPECT_EQ(loaded(A::loadM29_QDTD, ok.c, &D::x), "0 | 1 | 5 ");
 
     // 24 + 0xFFFFFFFF * 24 wraps to 0 in 32 bits: still refused.
-    Movie wraps(sensorBox("QDTC", 24, 0xFFFFFFFF, Bytes(48, 0)));
+    UdtaMovie wraps(sensorBox("QDTC", 24, 0xFFFFFFFF, Bytes(48, 0)));
     EXPECT_EQ(loaded(A::loadM29_QDTC, wraps.c, &C::x),
               "0 QDTC: Not enough length. except less than 24+24*4294967295(=0), but 72.\n");
     // A box size claiming far more than the file holds is judged by the bytes there.
     Bytes claim = sensorBox("QDTC", 24, 1000, Bytes(48, 0));
     put32be(claim.data(), 0x10000);
-    Movie past(claim);
+    UdtaMovie past(claim);
     EXPECT_EQ(loaded(A::loadM29_QDTC, past.c, &C::x).rfind(
                   "0 QDTC: Not enough length. except less than 24+24*1000(=24024), but", 0),
               0u);

@@ -2,8 +2,12 @@
 // Builds the camera's sensor-stream boxes (QDTx in moov.udta) in tests: a
 // 16-byte stream header and fixed-size records, in either byte order.
 #include "BoxBytes.h"
+#include "GLTKwchar.h"
+#include "MP4Container.h"
+#include "TestSupport.h"
 
 #include <cstring>
+#include <gtest/gtest.h>
 
 namespace testsupport {
 
@@ -86,5 +90,16 @@ inline Bytes movieWithUdta(const Bytes& udtaChildren)
     return cat({box("ftyp", cat({ftyp, text("isomavc1")})),
                 box("moov", cat({fullbox("mvhd", 0, mvhd), box("udta", udtaChildren)}))});
 }
+
+// movieWithUdta written to a temporary folder and attached.
+struct UdtaMovie {
+    TempDir dir;
+    MP4::Container c;
+    explicit UdtaMovie(const Bytes& udtaChildren)
+    {
+        writeFile(dir / "movie.mp4", movieWithUdta(udtaChildren));
+        EXPECT_TRUE(c.attach(GLTK::wchar::mbs2wcs((dir / "movie.mp4").string())));
+    }
+};
 
 } // namespace testsupport
