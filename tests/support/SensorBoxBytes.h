@@ -2,40 +2,23 @@
 // Builds the camera's sensor-stream boxes (QDTx in moov.udta) in tests: a
 // 16-byte stream header and fixed-size records, in either byte order.
 #include "BoxBytes.h"
+#include "GLTKwchar.h"
+#include "MP4Container.h"
+#include "TestSupport.h"
 
 #include <cstring>
+#include <gtest/gtest.h>
 
 namespace testsupport {
 
 // Byte order of a stream: the mark read little-endian from the header.
 enum class Order { Little, Big };
 
-inline void put16(Bytes& b, uint16_t v, Order o)
+// v as n bytes in the given order.
+inline void put(Bytes& b, uint64_t v, int n, Order o)
 {
-    if (o == Order::Big) {
-        add16(b, v);
-    } else {
-        b.push_back(uint8_t(v));
-        b.push_back(uint8_t(v >> 8));
-    }
-}
-inline void put32(Bytes& b, uint32_t v, Order o)
-{
-    if (o == Order::Big) {
-        add32(b, v);
-    } else {
-        for (int i = 0; i < 4; ++i)
-            b.push_back(uint8_t(v >> (8 * i)));
-    }
-}
-inline void put64(Bytes& b, uint64_t v, Order o)
-{
-    if (o == Order::Big) {
-        add64(b, v);
-    } else {
-        put32(b, uint32_t(v), o);
-        put32(b, uint32_t(v >> 32), o);
-    }
+    for (int i = 0; i < n; ++i)
+        b.push_back(uint8_t(v >> 8 * (o == Order::Big ? n - 1 - i : i)));
 }
 inline uint32_t floatBits(float f)
 {
@@ -43,62 +26,50 @@ inline uint32_t floatBits(float f)
     std::memcpy(&u, &f, 4);
     return u;
 }
-
-// QDTD record: gravity x, y, z (16 bits), 2 reserved, time.
+// A record: fields of the given width, the reserved bytes as given, then
+// the 64-bit time.
+inline Bytes record(int width, std::initializer_list<uint32_t> fields, const Bytes& reserved, uint64_t t, Order o)
+{
+    Bytes b;
+    for (uint32_t v : fields)
+        put(b, v, width, o);
+    b.insert(b.end(), reserved.begin(), reserved.end());
+    put(b, t, 8, o);
+    return b;
+}
+// QDTD: gravity x, y, z (16 bits), 2 reserved (0xAA 0xBB), time.
 inline Bytes gravityRecord(int16_t x, int16_t y, int16_t z, uint64_t t, Order o = Order::Little)
 {
-    Bytes b;
-    put16(b, uint16_t(x), o);
-    put16(b, uint16_t(y), o);
-    put16(b, uint16_t(z), o);
-    b.push_back(0xAA); // reserved, kept as read
-    b.push_back(0xBB);
-    put64(b, t, o);
-    return b;
+    return record(2, {uint16_t(x), uint16_t(y), uint16_t(z)}, {0xAA, 0xBB}, t, o);
 }
-// QDTC record: compass x, y, z (floats), 4 reserved, time.
+// QDTB / QDTC: x, y, z (32 bits), 4 reserved (0xA1 .. 0xA4), time.
+inline Bytes xyzRecord(uint32_t x, uint32_t y, uint32_t z, uint64_t t, Order o = Order::Little)
+{
+    return record(4, {x, y, z}, {0xA1, 0xA2, 0xA3, 0xA4}, t, o);
+}
 inline Bytes compassRecord(float x, float y, float z, uint64_t t, Order o = Order::Little)
 {
-    Bytes b;
-    put32(b, floatBits(x), o);
-    put32(b, floatBits(y), o);
-    put32(b, floatBits(z), o);
-    put32(b, 0, o);
-    put64(b, t, o);
-    return b;
+    return xyzRecord(floatBits(x), floatBits(y), floatBits(z), t, o);
 }
-// QDTG record: one time.
-inline Bytes timeRecord(uint64_t t, Order o = Order::Little)
+// QDTH / QDTI: w, x, y, z (floats), time.
+inline Bytes quaternionRecord(float w, float x, float y, float z, uint64_t t, Order o = Order::Little)
 {
-    Bytes b;
-    put64(b, t, o);
-    return b;
+    return record(4, {floatBits(w), floatBits(x), floatBits(y), floatBits(z)}, {}, t, o);
 }
-// QDTI record: w, x, y, z (32 bits), time.
-inline Bytes yawRecord(int32_t w, int32_t x, int32_t y, int32_t z, uint64_t t, Order o = Order::Little)
-{
-    Bytes b;
-    for (int32_t v : {w, x, y, z})
-        put32(b, uint32_t(v), o);
-    put64(b, t, o);
-    return b;
-}
+// QDTG: one time.
+inline Bytes timeRecord(uint64_t t, Order o = Order::Little) { return record(4, {}, {}, t, o); }
 
 // The box: count, extra, unitSize, mark, 6 reserved, then the records.
 inline Bytes sensorBox(const std::string& type, uint16_t unitSize, uint32_t count, const Bytes& records,
                        Order o = Order::Little, uint16_t extra = 0)
 {
     Bytes p;
-    put32(p, count, o);
-    put16(p, extra, o);
-    put16(p, unitSize, o);
-    // The mark is always read little-endian: 0x0123 or 0x3210.
-    const uint16_t mark = o == Order::Big ? 0x3210 : 0x0123;
-    p.push_back(uint8_t(mark));
-    p.push_back(uint8_t(mark >> 8));
+    put(p, count, 4, o);
+    put(p, extra, 2, o);
+    put(p, unitSize, 2, o);
+    put(p, o == Order::Big ? 0x3210 : 0x0123, 2, Order::Little); // the mark is always read little-endian
     p.resize(p.size() + 6, 0);
-    p.insert(p.end(), records.begin(), records.end());
-    return box(type, p);
+    return box(type, cat({p, records}));
 }
 // A sensor box whose count is the number of whole records given.
 inline Bytes sensorBox(const std::string& type, uint16_t unitSize, const Bytes& records, Order o = Order::Little,
@@ -111,16 +82,24 @@ inline Bytes sensorBox(const std::string& type, uint16_t unitSize, const Bytes& 
 // given.
 inline Bytes movieWithUdta(const Bytes& udtaChildren)
 {
-    Bytes ftypPayload = text("isom");
-    add32(ftypPayload, 0x200);
-    ftypPayload = cat({ftypPayload, text("isomavc1")});
-    Bytes mvhd;
-    add32(mvhd, 0);    // creation
-    add32(mvhd, 0);    // modification
-    add32(mvhd, 1000); // time scale
-    add32(mvhd, 2000); // duration
+    Bytes ftyp = text("isom"), mvhd;
+    add32(ftyp, 0x200);
+    for (uint32_t v : {0, 0, 1000, 2000}) // creation, modification, time scale, duration
+        add32(mvhd, v);
     mvhd.resize(mvhd.size() + 80, 0);
-    return cat({box("ftyp", ftypPayload), box("moov", cat({fullbox("mvhd", 0, mvhd), box("udta", udtaChildren)}))});
+    return cat({box("ftyp", cat({ftyp, text("isomavc1")})),
+                box("moov", cat({fullbox("mvhd", 0, mvhd), box("udta", udtaChildren)}))});
 }
+
+// movieWithUdta written to a temporary folder and attached.
+struct UdtaMovie {
+    TempDir dir;
+    MP4::Container c;
+    explicit UdtaMovie(const Bytes& udtaChildren)
+    {
+        writeFile(dir / "movie.mp4", movieWithUdta(udtaChildren));
+        EXPECT_TRUE(c.attach(GLTK::wchar::mbs2wcs((dir / "movie.mp4").string())));
+    }
+};
 
 } // namespace testsupport

@@ -3,10 +3,6 @@
 
 #include <gtest/gtest.h>
 
-extern "C" {
-#include <libavutil/frame.h>
-#include <libavutil/pixfmt.h>
-}
 
 using namespace videotest;
 using GLTK::MediaTime;
@@ -17,37 +13,25 @@ TEST(VideoReader, DescribeSourceGivesDecodedSizeRateDurationAndAudioRate)
 {
     // Pixels of aspect 2:1 make the track declare 1920 wide; the decoded
     // frames stay 960 x 480, and that is the size that counts.
-    path movie = makeMovie(MovieSpec().rate(25).audio(22050).filter(",setsar=2"));
     GLTK::Size size;
     MediaTime duration;
     float rate = 0, audioRate = -1;
-    ASSERT_TRUE(GLTKVideoReader::describeSource(movie, size, duration, rate, &audioRate));
+    ASSERT_TRUE(GLTKVideoReader::describeSource(makeMovie(MovieSpec().rate(25).audio(22050).filter(",setsar=2")), size,
+                                                duration, rate, &audioRate));
     EXPECT_EQ(size, (GLTK::Size{960, 480}));
     EXPECT_FLOAT_EQ(rate, 25.0f);
     EXPECT_NEAR(duration.seconds(), 2.0, 0.05);
     EXPECT_FLOAT_EQ(audioRate, 22050.0f);
+    ASSERT_TRUE(GLTKVideoReader::describeSource(makeMovie(MovieSpec()), size, duration, rate, &audioRate));
+    EXPECT_FLOAT_EQ(audioRate, 0.0f) << "no audio track: rate 0";
 
-    GLTKVideoReader reader;
-    ASSERT_TRUE(reader.describeSource(makeMovie(MovieSpec()), size, duration, rate));
-    EXPECT_FLOAT_EQ(reader.audioSampleRate(), 0.0f) << "no audio track: rate 0";
-    EXPECT_FLOAT_EQ(rate, 30.0f);
-}
-
-TEST(VideoReader, DescribeSourceFailsOnMissingOrVideolessMovies)
-{
     testsupport::TempDir dir;
-    path audioOnly = dir / "audio.mp4";
+    path audioOnly = dir / "audio.mp4", garbage = dir / "garbage.mp4";
     ASSERT_EQ(testsupport::run("ffmpeg -v error -f lavfi -i sine=duration=1 -c:a aac " + testsupport::q(audioOnly)), 0);
-    path garbage = dir / "garbage.mp4";
     testsupport::writeFile(garbage, std::vector<uint8_t>(5000, 0x5A));
-
-    GLTK::Size size;
-    MediaTime duration;
-    float rate = 0;
     testing::internal::CaptureStderr();
-    EXPECT_FALSE(GLTKVideoReader::describeSource(audioOnly, size, duration, rate, nullptr));
-    EXPECT_FALSE(GLTKVideoReader::describeSource(dir / "missing.mp4", size, duration, rate, nullptr));
-    EXPECT_FALSE(GLTKVideoReader::describeSource(garbage, size, duration, rate, nullptr));
+    for (const path& p : {audioOnly, dir / "missing.mp4", garbage})
+        EXPECT_FALSE(GLTKVideoReader::describeSource(p, size, duration, rate, nullptr)) << p;
     std::string log = testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find("GLTKVideoReader::describeSource: No video tracks found - " + audioOnly.string()),
               std::string::npos)
@@ -55,81 +39,13 @@ TEST(VideoReader, DescribeSourceFailsOnMissingOrVideolessMovies)
     EXPECT_NE(log.find("Failed to open " + (dir / "missing.mp4").string() + "."), std::string::npos) << log;
 }
 
-TEST(VideoReader, ReadsWholeMovieScaledInTheRequestedFormatThenCompletes)
-{
-    path movie = makeMovie(MovieSpec().audio(48000));
-    GLTKVideoReader reader;
-    reader.setPixelFormatType(GLTK::kPixelFormat_420f);
-    reader.setAudioSampleRate(44100);
-    reader.setAudioChannelCount(1);
-    EXPECT_EQ(reader.mediaStatus(), GLTKVideoReader::Unknown);
-    ASSERT_TRUE(reader.start(movie, {480, 240}, GLTK::MediaTimeRange::all()));
-    EXPECT_TRUE(reader.hasAudioTrack());
-    EXPECT_EQ(reader.mediaStatusWithNSString(), "Reading");
-
-    int frames = 0;
-    MediaTime last(-1, 1);
-    while (reader.loadNextFrame([&](const GLTK::VideoFrame* f, MediaTime t) {
-        ASSERT_NE(f, nullptr);
-        EXPECT_EQ(f->width(), 480);
-        EXPECT_EQ(f->height(), 240);
-        EXPECT_EQ(f->pixelFormatType(), GLTK::kPixelFormat_420f);
-        EXPECT_EQ(f->planeCount(), 2);
-        EXPECT_GT(t, last);
-        last = t;
-        ++frames;
-    }))
-        ;
-    EXPECT_EQ(frames, 60);
-    EXPECT_NEAR(last.seconds(), 59.0 / 30, 1e-6);
-    EXPECT_EQ(reader.mediaStatus(), GLTKVideoReader::Reading) << "audio is still unread";
-
-    int64_t samples = 0;
-    while (reader.loadNextAudio(1.0f, [&](const GLTK::AudioBuffer* b, MediaTime t) {
-        ASSERT_FALSE(b->isHeldBackMarker()) << "the video has ended: nothing is held back";
-        EXPECT_EQ(b->sampleRate(), 44100);
-        EXPECT_EQ(b->channelCount(), 1);
-        EXPECT_EQ(t.timescale, 44100);
-        EXPECT_EQ(t.value, samples) << "buffers follow each other without gaps";
-        samples += b->sampleCount();
-    }))
-        ;
-    EXPECT_NEAR(double(samples), 2.0 * 44100, 44100 * 0.03);
-    EXPECT_EQ(reader.mediaStatus(), GLTKVideoReader::Completed);
-    EXPECT_FALSE(reader.loadNextFrame(nullptr));
-    reader.stop();
-    EXPECT_EQ(reader.mediaStatus(), GLTKVideoReader::Completed);
-}
-
-TEST(VideoReader, WithoutAudioThereIsNoAudioTrackAndVideoAloneCompletes)
-{
-    GLTKVideoReader reader;
-    reader.setPixelFormatType(GLTK::kPixelFormat_y420);
-    ASSERT_TRUE(reader.start(makeMovie(MovieSpec().length(1)), {}, GLTK::MediaTimeRange::all()));
-    EXPECT_FALSE(reader.hasAudioTrack());
-    bool called = false;
-    EXPECT_FALSE(reader.loadNextAudio(1.0f, [&](const GLTK::AudioBuffer*, MediaTime) { called = true; }));
-    EXPECT_FALSE(called);
-    int frames = 0;
-    while (reader.loadNextFrame([&](const GLTK::VideoFrame* f, MediaTime) {
-        EXPECT_EQ(f->width(), 960) << "play size 0 x 0 keeps the decoded size";
-        EXPECT_EQ(f->pixelFormatType(), GLTK::kPixelFormat_y420);
-        EXPECT_EQ(f->avFrame()->color_range, AVCOL_RANGE_MPEG);
-        ++frames;
-    }))
-        ;
-    EXPECT_EQ(frames, 30);
-    EXPECT_EQ(reader.mediaStatus(), GLTKVideoReader::Completed);
-}
-
 TEST(VideoReader, AudioRunningPastTheLimitIsHeldBackUntilVideoCatchesUp)
 {
     GLTKVideoReader reader;
     ASSERT_TRUE(reader.start(makeMovie(MovieSpec().audio(48000)), {320, 160}, GLTK::MediaTimeRange::all()));
     ASSERT_TRUE(reader.loadNextFrame(nullptr)); // last frame time 0
-
-    // Read audio only: once it is more than 1 s ahead of the frame, every
-    // request yields the marker with the last audio time.
+    // Audio only: once it is more than 1 s ahead of the frame, every request
+    // yields the marker with the last audio time.
     double lastReal = -1;
     int markers = 0;
     for (int i = 0; i < 200 && markers < 3; ++i) {
@@ -137,7 +53,6 @@ TEST(VideoReader, AudioRunningPastTheLimitIsHeldBackUntilVideoCatchesUp)
             if (b->isHeldBackMarker()) {
                 ++markers;
                 EXPECT_DOUBLE_EQ(t.seconds(), lastReal);
-                EXPECT_EQ(b, GLTK::AudioBuffer::heldBack());
             } else {
                 EXPECT_EQ(markers, 0) << "no real buffer between markers";
                 lastReal = t.seconds();
@@ -147,7 +62,6 @@ TEST(VideoReader, AudioRunningPastTheLimitIsHeldBackUntilVideoCatchesUp)
     EXPECT_EQ(markers, 3);
     EXPECT_GT(lastReal, 1.0);
     EXPECT_LT(lastReal, 1.1);
-
     // Frames up to 0.5 s bring the audio back within the limit.
     while (reader.currentFrameTime().seconds() < 0.5)
         ASSERT_TRUE(reader.loadNextFrame(nullptr));
@@ -160,11 +74,10 @@ TEST(VideoReader, TimeRangeStartsAtItsStartAndStopsBeforeItsEnd)
 {
     // Key frames every 30 frames: the start at 0.5 s is mid-group, so the
     // reader must seek back and drop what decodes before it.
-    path movie = makeMovie(MovieSpec().audio(48000));
     GLTKVideoReader reader;
     reader.setAudioSampleRate(48000);
     GLTK::MediaTimeRange range(MediaTime(500000, 1000000), MediaTime(1, 2)); // [0.5, 1.0)
-    ASSERT_TRUE(reader.start(movie, {480, 240}, range));
+    ASSERT_TRUE(reader.start(makeMovie(MovieSpec().audio(48000)), {480, 240}, range));
     std::vector<double> times;
     int64_t samples = 0;
     double firstAudio = -1;
@@ -186,14 +99,8 @@ TEST(VideoReader, TimeRangeStartsAtItsStartAndStopsBeforeItsEnd)
     EXPECT_EQ(samples, 24000) << "audio is cut to the range with sample precision";
 }
 
-TEST(VideoReader, StatusNamesAndFailures)
+TEST(VideoReader, FailuresAndStopsEndTheReading)
 {
-    EXPECT_EQ(GLTKVideoReader::mediaStatusName(0), "Unknown");
-    EXPECT_EQ(GLTKVideoReader::mediaStatusName(2), "Completed");
-    EXPECT_EQ(GLTKVideoReader::mediaStatusName(3), "Failed");
-    EXPECT_EQ(GLTKVideoReader::mediaStatusName(4), "Cancelled");
-    EXPECT_EQ(GLTKVideoReader::mediaStatusName(7), "<<unknown:7>");
-
     GLTKVideoReader reader;
     testing::internal::CaptureStderr();
     EXPECT_FALSE(reader.start("/nonexistent/x.mp4", {}, GLTK::MediaTimeRange::all()));
@@ -210,33 +117,6 @@ TEST(VideoReader, StatusNamesAndFailures)
     reader.stop();
     EXPECT_EQ(reader.mediaStatus(), GLTKVideoReader::Cancelled);
     EXPECT_FALSE(reader.loadNextFrame(nullptr));
-}
-
-TEST(VideoReader, TruncatedMovieFailsOrEndsWithoutCrashing)
-{
-    // The movie header first, then half the media data: reads run off the
-    // end of the file.
-    testsupport::TempDir dir;
-    path full = dir / "full.mp4";
-    ASSERT_EQ(testsupport::run("ffmpeg -v error -f lavfi -i testsrc2=size=320x160:duration=1 -c:v libx264 "
-                               "-movflags +faststart " + testsupport::q(full)),
-              0);
-    std::vector<uint8_t> bytes = testsupport::readFile(full);
-    bytes.resize(bytes.size() / 2);
-    path cut = dir / "cut.mp4";
-    testsupport::writeFile(cut, bytes);
-
-    GLTKVideoReader reader;
-    testing::internal::CaptureStderr();
-    if (reader.start(cut, {}, GLTK::MediaTimeRange::all())) {
-        int frames = 0;
-        while (reader.loadNextFrame([&](const GLTK::VideoFrame*, MediaTime) { ++frames; }))
-            ;
-        EXPECT_LT(frames, 25);
-        EXPECT_TRUE(reader.mediaStatus() == GLTKVideoReader::Completed ||
-                    reader.mediaStatus() == GLTKVideoReader::Failed);
-    }
-    testing::internal::GetCapturedStderr();
 }
 
 } // namespace
