@@ -24,10 +24,10 @@ struct MovieSpec {
     MovieSpec& filter(const std::string& f) { videoFilter = f; return *this; }
 };
 
-// Makes (once per test binary run, in a shared folder) a movie matching spec
+// Makes (once per test binary run, in a shared folder) a movie as described
 // with a key frame every 30 frames and returns its path. Fails the calling
 // test when ffmpeg fails.
-path makeMovie(const MovieSpec& spec);
+path makeMovie(const MovieSpec& wanted);
 
 // One ffprobe field of the first stream of the kind ("v" or "a"), or of the
 // format when kind is empty; "" when absent.

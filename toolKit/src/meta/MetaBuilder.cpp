@@ -381,16 +381,11 @@ bool MetaBuilder::copyGpsMeta(MP4::Container& source, MP4::Container& output)
     return ok;
 }
 
+// The spatial-data uuid box (the parent of a QADT box), or null.
 static MP4::BOX* spatialBox(MP4::Container& c)
 {
-    MP4::BOX* found = nullptr;
-    c.find("uuid.QADT", [&](MP4::BOX& b) {
-        auto* parent = static_cast<MP4::UUID*>(b.parent);
-        if (found == nullptr && b.size >= 9 && parent && parent->hasUserType(MP4::SpatialData::_UUID))
-            found = parent;
-        return true;
-    });
-    return found;
+    MP4::BOX* qadt = c.spatialChild("uuid.QADT");
+    return qadt != nullptr && qadt->size >= 9 ? qadt->parent : nullptr;
 }
 
 // The first chunk offset of the spatial-audio track, and the payload start

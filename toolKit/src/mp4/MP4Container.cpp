@@ -70,6 +70,18 @@ bool Container::open_a(const std::function<void(GLTK::FileIO&)>& action) const
     return GLTK::FileIO::open_a(path, action);
 }
 
+BOX* Container::spatialChild(const char* p) const
+{
+    BOX* found = nullptr;
+    find(p, [&](BOX& b) {
+        const UUID* parent = dynamic_cast<const UUID*>(b.parent);
+        if (found == nullptr && parent != nullptr && parent->hasUserType(SpatialData::_UUID))
+            found = &b;
+        return found == nullptr;
+    });
+    return found;
+}
+
 bool Container::isMdatFirst() const
 {
     if (!root)

@@ -36,6 +36,9 @@ public:
     bool open(const std::function<void(GLTK::FileIO&)>& action) const;
     bool open_a(const std::function<void(GLTK::FileIO&)>& action) const;
     bool isMdatFirst() const;
+    // The first box at path (such as "uuid.QADT") whose parent is the
+    // spatial-data uuid box, or null.
+    BOX* spatialChild(const char* path) const;
     // The payload of a box (after its header), when it holds at most
     // maxBytes and lies inside the file.
     bool readPayload(const BOX& b, uint64_t maxBytes, std::string& out) const;

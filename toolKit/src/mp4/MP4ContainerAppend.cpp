@@ -78,18 +78,6 @@ bool sourceBoxIs(GLTK::FileIO& source, uint64_t offset, uint64_t length, const c
     return want >= header + 16 && std::memcmp(h + header, userType, 16) == 0;
 }
 
-// The first box found at path whose parent is the spatial-data uuid box.
-BOX* spatialChild(const Container& c, const char* path)
-{
-    BOX* found = nullptr;
-    c.find(path, [&](BOX& b) {
-        const UUID* parent = dynamic_cast<const UUID*>(b.parent);
-        if (found == nullptr && parent != nullptr && parent->hasUserType(SpatialData::_UUID))
-            found = &b;
-        return found == nullptr;
-    });
-    return found;
-}
 
 } // namespace
 
@@ -224,7 +212,7 @@ bool Container::trimSpatialData(GLTK::FileIO& source, uint64_t offset, SpatialSo
 
 bool Container::overwriteSpatialDataOffset(uint64_t oldOffset)
 {
-    BOX* qadt = spatialChild(*this, "uuid.QADT");
+    BOX* qadt = spatialChild("uuid.QADT");
     if (qadt == nullptr)
         return false;
     const uint64_t qadtStart = qadt->start, qadtSize = qadt->size;

@@ -9,18 +9,6 @@ namespace MP4 {
 
 namespace {
 
-// The first box found at path whose parent is the spatial-data uuid box.
-BOX* firstInSpatialData(Container& c, const char* path)
-{
-    BOX* found = nullptr;
-    c.find(path, [&](BOX& b) {
-        const UUID* parent = dynamic_cast<const UUID*>(b.parent);
-        if (found == nullptr && parent != nullptr && parent->hasUserType(SpatialData::_UUID))
-            found = &b;
-        return found == nullptr;
-    });
-    return found;
-}
 
 // Seconds to a sample index: truncated, and refused (false) when negative
 // or too large to count.
@@ -57,7 +45,7 @@ bool SpatialSound::attach(const std::wstring& source, double start, double end)
     Container c;
     if (!c.attach(source))
         return false;
-    BOX* qadt = firstInSpatialData(c, "uuid.QADT");
+    BOX* qadt = c.spatialChild("uuid.QADT");
     if (qadt == nullptr)
         return true;
     // The payload as far as it really lies inside its box and the file.
@@ -109,7 +97,7 @@ bool SpatialSound::attach(const std::wstring& source, double start, double end)
 bool SpatialSound::buildTrimmedQATR(Container& c)
 {
     buffer.clear();
-    BOX* qatr = firstInSpatialData(c, "uuid.QATR");
+    BOX* qatr = c.spatialChild("uuid.QATR");
     if (qatr == nullptr)
         return false;
     unsigned size = 0;
