@@ -324,10 +324,6 @@ void MetaBuilder::editUdtaCopy(ByteArray& udta, const std::wstring& moviePath)
                 std::memcpy(payload, jpeg.data, static_cast<size_t>(jpeg.length));
             else
                 std::memcpy(box + 4, "free", 4);
-        } else if (trimCount > 0 && std::memcmp(box + 4, "QDTD", 4) == 0) {
-            SensorStream::trimSensorBox(box, size, 16, trimStart, trimCount);
-        } else if (trimCount > 0 && std::memcmp(box + 4, "QDTC", 4) == 0) {
-            SensorStream::trimSensorBox(box, size, 24, trimStart, trimCount);
         }
     });
 }
@@ -352,6 +348,11 @@ bool MetaBuilder::replaceUdta(MP4::Container& source, MP4::Container& output, co
     if (udta->largesize)
         return false; // a 64-bit udta header is not something the camera writes
     editUdtaCopy(copy, output.path);
+    if (trimCount > 0) {
+        auto& boxes = static_cast<MP4::NestedBox&>(*udta);
+        trimBox<AccelSensorStreamEmbed::TopBottomCorrection>("QDTD", boxes, &copy);
+        trimBox<AccelSensorStreamEmbed::Ecompass>("QDTC", boxes, &copy);
+    }
     return output.replaceUdta(0, copy);
 }
 
@@ -366,6 +367,8 @@ template <class Record> bool MetaBuilder::trimBox(const char* type, MP4::NestedB
     });
     return trimmed;
 }
+static_assert(sizeof(AccelSensorStreamEmbed::TopBottomCorrection) == 16, "a QDTD record is 16 bytes");
+static_assert(sizeof(AccelSensorStreamEmbed::Ecompass) == 24, "a QDTC record is 24 bytes");
 template bool MetaBuilder::trimBox<AccelSensorStreamEmbed::TopBottomCorrection>(const char*, MP4::NestedBox&,
                                                                                ByteArray*);
 template bool MetaBuilder::trimBox<AccelSensorStreamEmbed::Ecompass>(const char*, MP4::NestedBox&, ByteArray*);
