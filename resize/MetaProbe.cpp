@@ -4,6 +4,7 @@
 #include "GLTKConsole.h"
 #include "GLTKVideoReader.h"
 #include "GLTKwchar.h"
+#include "CameraModel.h"
 #include "MetaBuilder.h"
 
 void MetaProbe::init()
@@ -54,7 +55,7 @@ void MetaProbe::readModel(MP4::Container& c)
     if (mod == nullptr || mod->size < 9)
         return;
     std::string text = payloadOf(c, *mod, 4096);
-    cameraVersion = MetaBuilder::camera_version(text);
+    cameraVersion = CameraModel::code(text);
     GLTK::Console::out(L"source movie model: %ls (%x)\n", GLTK::wchar::mbs2wcs(text).c_str(), cameraVersion);
 }
 

@@ -1,5 +1,6 @@
 #include "ResizeTranscoder.h"
 
+#include "CameraModel.h"
 #include "GLTKConsole.h"
 #include "GLTKMedia.h"
 #include "GLTKVideoTranscoder.h"
@@ -39,7 +40,7 @@ uint32_t ResizeTranscoder::trim(const Option& option)
                            transcoder.audioProcessSampleRate() / 1000.0, transcoder.audioSampleRate() / 1000.0);
     }
     // Newer cameras keep their media first; the metadata rebuild relies on it.
-    transcoder.setMoovFirst(!(option.probe.cameraVersion > 0x20000));
+    transcoder.setMoovFirst(!CameraModel::isNewer(option.probe.cameraVersion));
 
     const int32_t scale = duration.timescale > 0 ? duration.timescale : 1000000;
     const GLTK::MediaTime startTime(static_cast<int64_t>(option.start) * scale, scale);

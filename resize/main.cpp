@@ -1,4 +1,5 @@
 // Resize: converts an ORVEX camera movie and rebuilds its metadata.
+#include "CameraModel.h"
 #include "GLTKCancel.h"
 #include "GLTKConsole.h"
 #include "GLTKFileIO.h"
@@ -100,7 +101,7 @@ int run(int argc, const std::vector<std::wstring>& args)
         unsigned end = option.end;
         if (end != 0xFFFFFFFFu && option.probe.duration > 0.0f && double(end) >= option.probe.duration)
             end = 0xFFFFFFFFu;
-        if (option.reEncode && option.probe.cameraVersion >= 0x20001 &&
+        if (option.reEncode && CameraModel::isNewer(option.probe.cameraVersion) &&
             !meta.readSpatialData(option.sourcePath, option.start, end)) {
             GLTK::Console::out(L"readSpatialData failed.\n");
             return fail(option, &before);

@@ -54,7 +54,7 @@ TEST(MetadataAppend, GpsMetaFromAWrongPlaceIsRefused)
 TEST(MetadataAppend, UdtaAppendedBeforeATailOnlyAtABoxBoundary)
 {
     SyntheticMovie m(true);
-    Bytes udta = box("udta", box("@mod", text("NARVI ORVEX SC")));
+    Bytes udta = box("udta", box("@mod", text("NARVI ORVEX B1")));
     ByteArray bytes(udta.data(), udta.size());
     auto traks = findAll(m.file, "moov.trak");
     std::string out = capture([&] { EXPECT_FALSE(m.c.replaceUdta(10, bytes)); }); // inside the last track

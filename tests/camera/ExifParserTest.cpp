@@ -115,7 +115,7 @@ Bytes tiffOf(const Ifd& ifd0, bool be = true)
 Bytes tiffChain(bool be = true)
 {
     Ifd exif = {Entry{0x927C, E::TYPE_UNDEFINED, 1, 0, narviSig, makerIfd(orvexIfd)}};
-    return tiffOf({textE(0x0110, std::string("NARVI ORVEX S\0", 14)), textE(0x0131, std::string("1.50.1\0", 7)),
+    return tiffOf({textE(0x0110, std::string("NARVI ORVEX B1\0", 15)), textE(0x0131, std::string("1.50.1\0", 7)),
                    Entry{0x8769, 4, 1, 0, {}, exif}},
                   be);
 }
@@ -177,7 +177,7 @@ TEST(ExifParser, ReadsTheTiffChainAndTheBareMakerNote)
     // the zero in their count, absent tags at their cleared values.
     const std::string orvex = "|FW 1.20~|SERIAL00042|proj=1 v2=7 zenith=-1.5,7.5 compass=270.5 heading=270.5 v5=3 "
                               "adj=0 rs=1 stab=5 yaw=1 lock=1 has=1 m1000=4660 v203=-1 img=960,480 mov=0,0 rate=0.75";
-    EXPECT_EQ(describe(readQMKN(tiffChain())), "NARVI ORVEX S~|1.50.1~" + orvex);
+    EXPECT_EQ(describe(readQMKN(tiffChain())), "NARVI ORVEX B1~|1.50.1~" + orvex);
     // The bare maker note needs no TIFF header; the TIFF walk refuses with
     // the parser's own message.
     Bytes b = bareMakerNote();
@@ -194,7 +194,7 @@ TEST(ExifParser, ReadsTheTiffChainAndTheBareMakerNote)
     EXPECT_NO_THROW(p.seekToORVEX());
     E::ORVEX r;
     EXPECT_EQ(thrown([&] { p.readOREVX(r); }), "bigEndian reqired.");
-    EXPECT_EQ(describe(r).substr(0, 43), "NARVI ORVEX S~|1.50.1~|FW 1.20~|SERIAL00042");
+    EXPECT_EQ(describe(r).substr(0, 44), "NARVI ORVEX B1~|1.50.1~|FW 1.20~|SERIAL00042");
     EXPECT_EQ(r.makerValue1000, 0u);
 }
 

@@ -390,7 +390,7 @@ TEST(MetaE2EOlder, MediaFirstMovieWithEveryBoxGetsMoovFirstAndKeepsItsMetadata)
     EXPECT_EQ(coordinates[1], "35.6586 139.7454");
     EXPECT_NE(exifValue(tags, "UserData:LocationInformation").find("Lat=35.65860 Lon=139.74541"), std::string::npos);
     EXPECT_EQ(exifValue(tags, "XMP-GSpherical:ProjectionType"), "equirectangular");
-    EXPECT_EQ(exifValue(tags, "XMP-GSpherical:StitchingSoftware"), "NARVI ORVEX SC Stitcher");
+    EXPECT_EQ(exifValue(tags, "XMP-GSpherical:StitchingSoftware"), "NARVI ORVEX B1 Stitcher");
 }
 
 TEST(MetaE2EOlder, MoovFirstMovieWithoutOptionalBoxesGetsNewMetadata)
@@ -578,7 +578,7 @@ TEST(MetaE2ENewer, MovieWithoutCameraBoxesKeepsItsUdtaAndGetsNewXmp)
     EXPECT_EQ(xmp.find("GPSLatitude"), std::string::npos) << "no position to write";
     MetaE2EExif tags = exifTags(r.output);
     EXPECT_EQ(exifValue(tags, "XMP:VideoReEncorded"), "false");
-    EXPECT_EQ(exifValue(tags, "XMP-GSpherical:StitchingSoftware"), "NARVI ORVEX V Stitcher");
+    EXPECT_EQ(exifValue(tags, "XMP-GSpherical:StitchingSoftware"), "NARVI ORVEX C1 Stitcher");
 }
 
 // ---------------------------------------------------------------- options
@@ -600,7 +600,7 @@ TEST(MetaE2EOptions, ViewOptionsRewriteTheInitialView)
         MetaE2EExif tags = exifTags(r.output);
         EXPECT_EQ(exifValue(tags, "XMP-GSpherical:InitialViewHeadingDegrees"), "90");
         EXPECT_EQ(exifValue(tags, "XMP-GSpherical:InitialViewPitchDegrees"), "10");
-        EXPECT_EQ(exifValue(tags, "XMP-GSpherical:StitchingSoftware"), "NARVI ORVEX SC Stitcher");
+        EXPECT_EQ(exifValue(tags, "XMP-GSpherical:StitchingSoftware"), "NARVI ORVEX B1 Stitcher");
         EXPECT_EQ(exifValue(tags, "XMP-GSpherical:InitialHorizontalFOVDegrees"), "(none)");
     }
     {
@@ -612,7 +612,7 @@ TEST(MetaE2EOptions, ViewOptionsRewriteTheInitialView)
         EXPECT_EQ(xml.find("InitialView"), std::string::npos) << xml;
         MetaE2EExif tags = exifTags(r.output);
         EXPECT_EQ(exifValue(tags, "XMP-GSpherical:InitialViewHeadingDegrees"), "(none)");
-        EXPECT_EQ(exifValue(tags, "XMP-GSpherical:StitchingSoftware"), "NARVI ORVEX V Stitcher");
+        EXPECT_EQ(exifValue(tags, "XMP-GSpherical:StitchingSoftware"), "NARVI ORVEX C1 Stitcher");
         EXPECT_EQ(exifValue(tags, "XMP-GSpherical:ProjectionType"), "equirectangular");
     }
 }

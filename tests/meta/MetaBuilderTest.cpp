@@ -10,17 +10,6 @@ using namespace testsupport;
 
 namespace {
 
-TEST(MetaBuilder, CameraVersionNeedsTheExactSuffix)
-{
-    EXPECT_EQ(MetaBuilder::camera_version("NARVI ORVEX V"), 0x20001u);
-    EXPECT_EQ(MetaBuilder::camera_version("NARVI ORVEX SC"), 0x11001u);
-    EXPECT_EQ(MetaBuilder::camera_version("NARVI ORVEX Z1F"), 0x40002u);
-    EXPECT_EQ(MetaBuilder::camera_version("NARVI ORVEX V "), 0u);
-    EXPECT_EQ(MetaBuilder::camera_version("NARVI ORVEX "), 0u);
-    EXPECT_EQ(MetaBuilder::camera_version("narvi orvex V"), 0u);
-    EXPECT_EQ(MetaBuilder::camera_version(std::string("NARVI ORVEX V\0", 14)), 0u);
-}
-
 TEST(MetaBuilder, CreatorToolAndProgressLines)
 {
     MetaBuilder m("Resize.osx", "2.8.3.2019.07.25", false);

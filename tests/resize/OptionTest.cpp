@@ -1,3 +1,4 @@
+#include "CameraModel.h"
 #include "GLTKwchar.h"
 #include "Movies.h"
 #include "Option.h"
@@ -97,7 +98,7 @@ TEST(Option, ProbesTheSourceAndDerivesDefaults)
     fs::path newer = sharedMovie("--model newer");
     Parse p({newer.string()});
     ASSERT_TRUE(p.ok);
-    EXPECT_NE(p.printed.find("source movie model: NARVI ORVEX V (20001)\n"), std::string::npos) << p.printed;
+    EXPECT_NE(p.printed.find("source movie model: NARVI ORVEX C1 (20001)\n"), std::string::npos) << p.printed;
     EXPECT_NE(p.printed.find("source movie panoramaImageType: 1\n"), std::string::npos);
     EXPECT_NE(p.printed.find("H.264 detected.\n"), std::string::npos);
     EXPECT_NE(p.printed.find("key-frame interval: 30\n"), std::string::npos);
@@ -113,7 +114,7 @@ TEST(Option, ProbesTheSourceAndDerivesDefaults)
 
     fs::path hevc = sharedMovie("--model older --codec h265 --fps 25");
     Parse q({hevc.string()});
-    EXPECT_NE(q.printed.find("source movie model: NARVI ORVEX SC (11001)\n"), std::string::npos) << q.printed;
+    EXPECT_NE(q.printed.find("source movie model: NARVI ORVEX B1 (10001)\n"), std::string::npos) << q.printed;
     EXPECT_NE(q.printed.find("H.265/HEVC detected(hvc1).\n"), std::string::npos);
     EXPECT_NE(q.printed.find("key-frame interval: 15\n"), std::string::npos);
     EXPECT_NE(q.printed.find("output video bitrate: 3000000\n"), std::string::npos) << q.printed;
@@ -137,9 +138,33 @@ TEST(MetaProbe, DefaultBitRateTable)
     testing::internal::GetCapturedStdout();
 }
 
+// Every model of the line probes to its code, and only the newer ones take
+// the newer camera's path.
+TEST(MetaProbe, EachCameraModelProbesToItsCode)
+{
+    const struct {
+        const char* suffix;
+        uint32_t code;
+        bool newer;
+    } models[] = {{"A1", 0x00001, false}, {"B1", 0x10001, false}, {"B2", 0x11001, false}, {"E2", 0x40002, true},
+                  {"C1", 0x20001, true},  {"D1", 0x30001, true},  {"E1", 0x40001, true}};
+    for (const auto& m : models) {
+        fs::path movie = sharedMovie(std::string("--model ") + m.suffix + " --duration 0.2 --no-audio");
+        MetaProbe p;
+        testing::internal::CaptureStdout();
+        EXPECT_TRUE(p.probe(GLTK::wchar::mbs2wcs(movie.string())));
+        std::string out = testing::internal::GetCapturedStdout();
+        char line[64];
+        snprintf(line, sizeof line, "source movie model: NARVI ORVEX %s (%x)\n", m.suffix, m.code);
+        EXPECT_NE(out.find(line), std::string::npos) << out;
+        EXPECT_EQ(p.cameraVersion, m.code);
+        EXPECT_EQ(CameraModel::isNewer(p.cameraVersion), m.newer) << m.suffix;
+    }
+}
+
 TEST(MetaProbe, UnknownModelsAndBrokenMakerNotes)
 {
-    fs::path odd = sharedMovie("--model-text 'NARVI ORVEX V ' --qmkn tiff-le");
+    fs::path odd = sharedMovie("--model-text 'NARVI ORVEX C1 ' --qmkn tiff-le");
     MetaProbe p;
     testing::internal::CaptureStdout();
     EXPECT_TRUE(p.probe(GLTK::wchar::mbs2wcs(odd.string())));

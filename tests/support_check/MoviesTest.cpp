@@ -81,8 +81,8 @@ TEST(Movies, CameraMoviesInEveryLayoutDecodeAndKeepTheirSamples)
     EXPECT_EQ(topLevel(olderMoovFirst), (V{"ftyp", "moov", "mdat", "uuid", "uuid"}));
     EXPECT_NE(boxTree(variant).find(" largesize"), std::string::npos);
     EXPECT_EQ(boxTree(variant).find("stco"), std::string::npos);
-    EXPECT_EQ(payloadText(newer, "moov.udta.@mod"), "NARVI ORVEX V");
-    EXPECT_EQ(payloadText(olderMoovFirst, "moov.udta.@mod"), "NARVI ORVEX SC");
+    EXPECT_EQ(payloadText(newer, "moov.udta.@mod"), "NARVI ORVEX C1");
+    EXPECT_EQ(payloadText(olderMoovFirst, "moov.udta.@mod"), "NARVI ORVEX B1");
     EXPECT_EQ(payloadText(newer, "moov.udta.QTHU").substr(0, 3), "\xFF\xD8\xFF");
     std::vector<uint8_t> none; // older cameras record no spatial data, so nothing may point at it
     EXPECT_FALSE(boxPayload(older, "moov.udta.QDT9", none));

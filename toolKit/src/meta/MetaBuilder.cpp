@@ -1,6 +1,7 @@
 #include "MetaBuilder.h"
 
 #include "AccelSensorStreamEmbed.h"
+#include "CameraModel.h"
 #include "ElementText.h"
 #include "GLTKConsole.h"
 #include "GLTKwchar.h"
@@ -13,19 +14,6 @@
 
 namespace {
 
-// The camera models: the text after "NARVI ORVEX " in the @mod box, and the
-// model code (upper 16 bits: camera generation).
-struct CameraModel {
-    const char* suffix;
-    uint32_t code;
-};
-const CameraModel kCameraModels[] = {
-    {"M15", 0x00001}, {"S", 0x10001}, {"SC", 0x11001}, {"Z1F", 0x40002},
-    {"V", 0x20001},   {"SC2", 0x30001}, {"Z1", 0x40001},
-};
-const char kModelPrefix[] = "NARVI ORVEX ";
-
-constexpr uint32_t kNewerCameras = 0x20001;
 
 // Walks the direct children of a serialized box held in memory, bounded by
 // the box: calls visit(offset of the child in the buffer, child size).
@@ -70,18 +58,6 @@ void MetaBuilder::init()
     orvex.clear();
     makerModes[0] = makerModes[1] = makerModes[2] = -1;
     trimStart = trimCount = 0;
-}
-
-uint32_t MetaBuilder::camera_version(const std::string& text)
-{
-    const size_t n = sizeof kModelPrefix - 1;
-    if (text.size() <= n || text.compare(0, n, kModelPrefix) != 0)
-        return 0;
-    const std::string suffix = text.substr(n);
-    for (const CameraModel& m : kCameraModels)
-        if (suffix == m.suffix)
-            return m.code;
-    return 0;
 }
 
 void MetaBuilder::progress(unsigned step)
@@ -225,7 +201,7 @@ bool MetaBuilder::updateMetaWithoutAddingFullRange(const std::wstring& path, con
         c.outputPath = *outPath;
     const bool inPlace = outPath == nullptr;
 
-    if (camera_version(modelText) < kNewerCameras) {
+    if (!CameraModel::isNewer(CameraModel::code(modelText))) {
         c.moovFirst();
         c.removeBadLOCI();
         progress(6);

@@ -27,7 +27,6 @@ public:
     bool replaceUdta(MP4::Container& source, MP4::Container& output, const std::wstring* outPath);
     bool copyGpsMeta(MP4::Container& source, MP4::Container& output);
     bool copySpatialData(MP4::Container& source, MP4::Container& output);
-    static uint32_t camera_version(const std::string& modelText);
     void progress(unsigned step);
 
     // Trimming and adjustments between readMeta and updateMeta.

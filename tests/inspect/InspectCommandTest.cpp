@@ -49,7 +49,7 @@ TEST(Inspect, CameraMovieShowsMakerNoteViewAndEveryStream)
 {
     std::string out;
     ASSERT_EQ(inspect(sharedMovie("--sph-heading 30 --sensor-endian big"), out), 0) << out;
-    expectLines(out, {"source movie model: NARVI ORVEX V (20001)\n", "H.264 detected.\n",
+    expectLines(out, {"source movie model: NARVI ORVEX C1 (20001)\n", "H.264 detected.\n",
                       "frame: 960x480 at 30.000 fps\n", "projectionType: 1\n",
                       "zenith: roll 1.500000, pitch -2.250000\n", "heading: 30\n", " profile_idc=", "samples: 60\n"});
     for (const char* type : {"QDTB", "QDTC", "QDTD", "QDTG", "QDTI"})
