@@ -13,6 +13,7 @@
 #include "GPSInfo.h"
 #include "MP4Container.h"
 #include "MetaProbe.h"
+#include "SourceMetadata.h"
 #include "SensorStreamBoxes.h"
 #include "Utility.h"
 #include "ViewHeading.h"
@@ -74,28 +75,23 @@ bool isMP4(const MP4::Container& c, uint64_t fileLength)
 
 // ---------------------------------------------------------------- maker note
 
-void showMakerNote(const MP4::Container& c)
+void showMakerNote(const SourceMetadata& found)
 {
     section(L"maker note (moov.udta.QMKN)");
-    const MP4::BOX* box = c.first("moov.udta.QMKN");
-    if (box == nullptr) {
+    switch (found.makerNote) {
+    case SourceMetadata::MakerNote::Missing:
         Console::out(L"QMKN not found.\n");
         return;
-    }
-    ByteArray payload;
-    if (box->size <= 8 || !readPayload(c, *box, 16 << 20, payload) || payload.length == 0) {
+    case SourceMetadata::MakerNote::Empty:
         Console::out(L"Invalid QMKN.\n");
         return;
-    }
-    ExifParser::ORVEX o;
-    try {
-        ExifParser parser;
-        parser.attachQMKN(payload.data, payload.length);
-        parser.readOREVX(o);
-    } catch (const char* message) {
-        Console::out(L"MP4: QMKN parse failed: %ls\n", wide(message).c_str());
+    case SourceMetadata::MakerNote::Unreadable:
+        Console::out(L"MP4: QMKN parse failed: %ls\n", wide(found.makerNoteError).c_str());
         return;
+    case SourceMetadata::MakerNote::Read:
+        break;
     }
+    const ExifParser::ORVEX& o = found.orvex;
     Console::LocaleC locale;
     Console::out(L"model: %ls\n", wide(o.model).c_str());
     Console::out(L"software: %ls\n", wide(o.software).c_str());
@@ -114,45 +110,17 @@ void showMakerNote(const MP4::Container& c)
 
 // ---------------------------------------------------------------- GPS and view
 
-// The payload of the first top-level (or, for the view, per-track) uuid box
-// with the given user type.
-const MP4::UUID* findUUID(const MP4::Container& c, const char* path, const uint8_t (&userType)[16])
-{
-    const MP4::UUID* found = nullptr;
-    c.find(path, [&](MP4::BOX& b) {
-        const MP4::UUID& u = static_cast<const MP4::UUID&>(b);
-        if (u.hasUserType(userType)) {
-            found = &u;
-            return false;
-        }
-        return true;
-    });
-    return found;
-}
-
-std::string payloadText(const MP4::UUID& u)
-{
-    return std::string(reinterpret_cast<const char*>(u.payload.data), static_cast<size_t>(u.payload.length));
-}
-
-void showGPS(const MP4::Container& c)
+void showGPS(const MP4::Container& c, const SourceMetadata& found)
 {
     section(L"GPS");
-    GPSInfo gps;
+    GPSInfo gps = found.gps;
     const wchar_t* from = nullptr;
-    if (const MP4::BOX* box = c.first("moov.udta.@xyz")) {
-        ByteArray payload;
-        if (readPayload(c, *box, 4096, payload)) {
-            std::string text(reinterpret_cast<const char*>(payload.data), static_cast<size_t>(payload.length));
-            gps.attachRXYZ(text.c_str()); // stops at a zero byte like the camera's reader
-            from = L"@xyz";
-        }
+    if (found.hasXyz) {
+        from = L"@xyz";
     } else if (const MP4::BOX* box = c.first("moov.udta.\xA9xyz")) {
         gps.attachRXYZ(static_cast<const MP4::XYZ*>(box)->text.c_str());
         from = L"\x00A9xyz";
     }
-    if (const MP4::UUID* xmp = findUUID(c, "uuid", MP4::XMP::_UUID))
-        gps.attachCompass(payloadText(*xmp));
     if (from == nullptr && !gps.hasDirection) {
         Console::out(L"no position.\n");
         return;
@@ -172,18 +140,15 @@ void showGPS(const MP4::Container& c)
     value(L"direction", gps.hasDirection, gps.direction, L"");
 }
 
-void showView(const MP4::Container& c)
+void showView(const SourceMetadata& found)
 {
     section(L"Spherical Video view");
-    const MP4::UUID* xml = findUUID(c, "moov.trak.uuid", MP4::SphericalXML::_UUID);
-    if (xml == nullptr)
-        xml = findUUID(c, "uuid", MP4::SphericalXML::_UUID);
-    if (xml == nullptr) {
+    if (!found.hasSphericalXml) {
         Console::out(L"no Spherical Video XML.\n");
         return;
     }
     ViewHeading view;
-    view.attach(payloadText(*xml));
+    view.attach(found.sphericalXml);
     Console::LocaleC locale;
     Console::out(L"stitching software: %ls\n", wide(view.stitchingSoftware).c_str());
     auto angle = [](const wchar_t* name, float v) {
@@ -326,9 +291,11 @@ int main(int argc, char** argv)
     container.dump();
 
     showProbe(path);
-    showMakerNote(container);
-    showGPS(container);
-    showView(container);
+    SourceMetadata found;
+    found.read(container);
+    showMakerNote(found);
+    showGPS(container, found);
+    showView(found);
     showSensorStreams(container);
     return 0;
 }

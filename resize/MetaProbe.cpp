@@ -4,8 +4,7 @@
 #include "GLTKConsole.h"
 #include "GLTKVideoReader.h"
 #include "GLTKwchar.h"
-#include "CameraModel.h"
-#include "MetaBuilder.h"
+#include "SourceMetadata.h"
 
 void MetaProbe::init()
 {
@@ -31,52 +30,42 @@ bool MetaProbe::probe(const std::wstring& path)
     MP4::Container c;
     if (!c.attach(path))
         return false;
-    readModel(c);
-    readQMKN(c);
+    readMetadata(c);
     readCodec(c);
-    readSphericalXML(c);
-    readXMP(c);
-    detectGyroData(c);
     detect_movie(path);
     detectBitRate(c);
     return width >= 1;
 }
 
-static std::string payloadOf(MP4::Container& c, const MP4::BOX& b, uint64_t maxBytes)
+void MetaProbe::readMetadata(MP4::Container& c)
 {
-    std::string bytes;
-    c.readPayload(b, maxBytes, bytes);
-    return bytes;
-}
-
-void MetaProbe::readModel(MP4::Container& c)
-{
-    MP4::BOX* mod = c.first("moov.udta.@mod");
-    if (mod == nullptr || mod->size < 9)
-        return;
-    std::string text = payloadOf(c, *mod, 4096);
-    cameraVersion = CameraModel::code(text);
-    GLTK::Console::out(L"source movie model: %ls (%x)\n", GLTK::wchar::mbs2wcs(text).c_str(), cameraVersion);
-}
-
-void MetaProbe::readQMKN(MP4::Container& c)
-{
-    MP4::BOX* q = c.first("moov.udta.QMKN");
-    if (q == nullptr) {
+    SourceMetadata found;
+    found.read(c);
+    if (found.hasModel) {
+        cameraVersion = found.modelCode;
+        GLTK::Console::out(L"source movie model: %ls (%x)\n", GLTK::wchar::mbs2wcs(found.modelText).c_str(),
+                           cameraVersion);
+    }
+    switch (found.makerNote) {
+    case SourceMetadata::MakerNote::Missing:
         GLTK::Console::out(L"QMKN not found.\n");
-        return;
-    }
-    if (q->size < 9)
-        return;
-    std::string bytes = payloadOf(c, *q, 16 << 20);
-    try {
-        ExifParser parser;
-        parser.attachQMKN(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-        parser.readOREVX(orvex);
+        break;
+    case SourceMetadata::MakerNote::Read:
+        orvex = found.orvex;
         GLTK::Console::out(L"source movie panoramaImageType: %d\n", static_cast<int>(orvex.projectionType));
-    } catch (...) {
+        break;
+    case SourceMetadata::MakerNote::Unreadable:
         GLTK::Console::out(L"EXIF can't read.\n");
+        break;
+    case SourceMetadata::MakerNote::Empty:
+        break;
     }
+    sphericalXml = found.sphericalXml;
+    MetaText::elementText(sphericalXml, "<GSpherical:StitchingSoftware>", "</GSpherical:StitchingSoftware>", true,
+                          stitchingSoftware);
+    xmp = found.xmp;
+    MetaText::elementText(xmp, "<x:CreatorTool>", "</x:CreatorTool>", true, creatorTool);
+    hasGyroData = found.hasGyroData;
 }
 
 void MetaProbe::readCodec(MP4::Container& c)
@@ -100,39 +89,6 @@ void MetaProbe::readCodec(MP4::Container& c)
     });
     if (codec == 0)
         GLTK::Console::out(L"Unknown codec.\n");
-}
-
-void MetaProbe::readSphericalXML(MP4::Container& c)
-{
-    bool done = false;
-    c.find("moov.trak.uuid", [&](MP4::BOX& b) {
-        auto& u = static_cast<MP4::UUID&>(b);
-        if (done || !u.hasUserType(MP4::SphericalXML::_UUID))
-            return true;
-        done = true;
-        sphericalXml = u.payload.toString();
-        MetaText::elementText(sphericalXml, "<GSpherical:StitchingSoftware>", "</GSpherical:StitchingSoftware>", true,
-                              stitchingSoftware);
-        return false;
-    });
-}
-
-void MetaProbe::readXMP(MP4::Container& c)
-{
-    c.find("uuid", [&](MP4::BOX& b) {
-        auto& u = static_cast<MP4::UUID&>(b);
-        if (!u.hasUserType(MP4::XMP::_UUID))
-            return true;
-        xmp = u.payload.toString();
-        MetaText::elementText(xmp, "<x:CreatorTool>", "</x:CreatorTool>", true, creatorTool);
-        return false;
-    });
-}
-
-void MetaProbe::detectGyroData(MP4::Container& c)
-{
-    MP4::BOX* b = c.first("moov.udta.QDTB");
-    hasGyroData = b != nullptr && b->size >= 25;
 }
 
 void MetaProbe::detect_movie(const std::wstring& path)

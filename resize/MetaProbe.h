@@ -18,12 +18,10 @@ public:
     // True when the source is a movie with a decodable video track.
     bool probe(const std::wstring& path);
 
-    void readModel(MP4::Container& c);
-    void readQMKN(MP4::Container& c);
+    // The model, maker note, Spherical Video XML, XMP and gyro stream, as
+    // the rebuild reads them.
+    void readMetadata(MP4::Container& c);
     void readCodec(MP4::Container& c);
-    void readSphericalXML(MP4::Container& c);
-    void readXMP(MP4::Container& c);
-    void detectGyroData(MP4::Container& c);
     void detect_movie(const std::wstring& path);
     void detectBitRate(MP4::Container& c);
 

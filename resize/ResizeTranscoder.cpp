@@ -1,6 +1,5 @@
 #include "ResizeTranscoder.h"
 
-#include "CameraModel.h"
 #include "GLTKConsole.h"
 #include "GLTKMedia.h"
 #include "GLTKVideoTranscoder.h"
@@ -39,8 +38,11 @@ uint32_t ResizeTranscoder::trim(const Option& option)
         GLTK::Console::out(L"audio sampleRate: in: %0.3f, out: %0.3f/%0.3f\n", detected / 1000.0,
                            transcoder.audioProcessSampleRate() / 1000.0, transcoder.audioSampleRate() / 1000.0);
     }
-    // Newer cameras keep their media first; the metadata rebuild relies on it.
-    transcoder.setMoovFirst(!CameraModel::isNewer(option.probe.cameraVersion));
+    // moov is written behind the media: the metadata rebuild then edits the
+    // movie where it stands, or moves moov to the front (older cameras) in
+    // the one copy it makes anyway. A faststart pass here would copy the
+    // whole movie once more.
+    transcoder.setMoovFirst(false);
 
     const int32_t scale = duration.timescale > 0 ? duration.timescale : 1000000;
     const GLTK::MediaTime startTime(static_cast<int64_t>(option.start) * scale, scale);

@@ -198,14 +198,6 @@ inline int sensorBoxes(const uint8_t* data, size_t size)
     A::loadM29_QDTI(c, i, extra);
 
     const uint32_t first = static_cast<uint32_t>(size % 5), count = static_cast<uint32_t>(1 + size % 13);
-    if (auto* u = static_cast<MP4::NestedBox*>(c.first("moov.udta"))) {
-        ByteArray copy(udta.data(), udta.size());
-        MetaBuilder meta("fuzz", "0", false);
-        meta.trimStart = first;
-        meta.trimCount = count;
-        meta.trimBox<A::TopBottomCorrection>("QDTD", *u, &copy);
-        meta.trimBox<A::Ecompass>("QDTC", *u, &copy);
-    }
     ByteArray copy(udta.data(), udta.size());
     SensorStream::trimSensorBoxIn(copy, "QDTD", 16, first, count);
     SensorStream::trimSensorBoxIn(copy, "QDTC", 24, first, count);
@@ -254,8 +246,7 @@ inline int xml(const uint8_t* data, size_t size)
         if (!c.attach(path))
             std::abort();
         MetaProbe probe;
-        probe.readSphericalXML(c);
-        probe.readXMP(c);
+        probe.readMetadata(c);
     }
     MetaBuilder meta("fuzz", "0", false);
     VideoStabilizationMode mode;

@@ -1,7 +1,9 @@
 #pragma once
 // Carries the camera metadata of a source movie over to the output movie and
-// brings it up to date: reads what the source holds, lets the driver adjust it
-// (trim, view heading, stabilization), then edits the output file.
+// brings it up to date: reads what the source holds (SourceMetadata), lets
+// the driver adjust it (trim, view heading, stabilization), then has the
+// writer of the camera's generation (OlderCameraWriter, NewerCameraWriter)
+// build one edit plan, which writes the output once.
 #include "AxisTiltStream.h"
 #include "ExifParser.h"
 #include "GPSInfo.h"
@@ -21,17 +23,18 @@ public:
     void init();
     bool readMeta(const std::wstring& source, bool reEncoded);
     bool readMeta(const std::wstring& source, bool reEncoded, const VideoStabilizationMode& mode);
+    // With outPath null the movie at path (a fresh encode) is edited, its
+    // avcC flags included; otherwise the movie at path is written, rebuilt,
+    // to *outPath.
     bool updateMeta(const std::wstring& path, const std::wstring* outPath, bool fullRange);
     bool updateMetaWithoutAddingFullRange(const std::wstring& path, const std::wstring* outPath);
-    void updateSphereXML(MP4::Container& c, bool inPlace);
-    bool replaceUdta(MP4::Container& source, MP4::Container& output, const std::wstring* outPath);
-    bool copyGpsMeta(MP4::Container& source, MP4::Container& output);
-    bool copySpatialData(MP4::Container& source, MP4::Container& output);
+    // Settles the Spherical Video V1 XML for the movie: made when the source
+    // had none and the frame is 2:1, padded to 1000 characters.
+    void updateSphereXML(const MP4::Container& c, bool inPlace);
     void progress(unsigned step);
 
     // Trimming and adjustments between readMeta and updateMeta.
     void trimStream(unsigned start, unsigned count);
-    template <class Record> bool trimBox(const char* type, MP4::NestedBox& udta, ByteArray* copy);
     bool readSpatialData(const std::wstring& source, unsigned start, unsigned end);
     bool readSpatialData(const std::wstring& source, double start, double end);
     void attach(const AxisTiltStream& stream, ExifParser::VIDEO_STABILIZATION mode, bool rollingShutter);
@@ -53,12 +56,10 @@ public:
     // Sphere zenith correction, video stabilization, rolling-shutter
     // correction, as they are to be written into the output maker note.
     int32_t makerModes[3] = {-1, -1, -1};
+    // The sensor entries kept by a trim; a count of 0 keeps them all.
     uint32_t trimStart = 0;
     uint32_t trimCount = 0;
 
 private:
-    // With an output path, the container reads the source until its first
-    // copying edit has written the output; in-place edits must wait for that.
-    bool ensureOutputWritten(MP4::Container& c);
-    void editUdtaCopy(ByteArray& udta, const std::wstring& moviePath);
+    bool rebuild(const std::wstring& path, const std::wstring* outPath, bool withAvcC, bool fullRange);
 };

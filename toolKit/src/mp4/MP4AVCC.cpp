@@ -3,7 +3,20 @@
 #include "AVCCRecord.h"
 #include "GLTKConsole.h"
 
+#include <algorithm>
+
 namespace MP4 {
+
+void AVCC::parseBox(BinFile& file, uint64_t end)
+{
+    file.limit = std::min(start + size, end);
+    uint64_t n = payloadSize();
+    if (n > (1 << 20) || !file.fits(n))
+        return;
+    record.resize(n);
+    if (n > 0 && !file.readBytes(record.data, n))
+        record.clear();
+}
 
 void AVCC::dump() const
 {

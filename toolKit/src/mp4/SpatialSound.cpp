@@ -1,14 +1,12 @@
 #include "SpatialSound.h"
 
 #include "GLTKConsole.h"
-#include "MP4Splice.h"
 
 #include <cmath>
 
 namespace MP4 {
 
 namespace {
-
 
 // Seconds to a sample index: truncated, and refused (false) when negative
 // or too large to count.
@@ -29,6 +27,7 @@ constexpr uint64_t kMaxCopiedBox = 64 << 20;
 void SpatialSound::clear()
 {
     buffer.clear();
+    co64At = 0;
     sampleSize = chunkCount = sampleCount = lastChunkRemainder = 0;
     startByte = endByte = 0;
     payloadStart = 0;
@@ -50,7 +49,7 @@ bool SpatialSound::attach(const std::wstring& source, double start, double end)
         return true;
     // The payload as far as it really lies inside its box and the file.
     payloadStart = qadt->payloadStart();
-    const uint64_t payloadEnd = clippedEnd(*qadt, c.root->size);
+    const uint64_t payloadEnd = qadt->clippedEnd(c.length());
     const uint64_t total = payloadEnd > payloadStart ? payloadEnd - payloadStart : 0;
 
     uint32_t timeScale = 0;
@@ -97,184 +96,65 @@ bool SpatialSound::attach(const std::wstring& source, double start, double end)
 bool SpatialSound::buildTrimmedQATR(Container& c)
 {
     buffer.clear();
+    co64At = 0;
     BOX* qatr = c.spatialChild("uuid.QATR");
-    if (qatr == nullptr)
-        return false;
-    unsigned size = 0;
-    return copyBox(c, *qatr, buffer, size);
+    return qatr != nullptr && copyBox(c, *qatr, buffer) && co64At != 0;
 }
 
-bool SpatialSound::copyBox(Container& c, BOX& box, ByteArray& out, unsigned& size)
+bool SpatialSound::copyBox(Container& c, const BOX& box, ByteArray& out)
 {
-    NestedBox* nested = dynamic_cast<NestedBox*>(&box);
-    if (nested == nullptr || !box.hasChild() || box.is("dinf") || box.is("stsd"))
-        return copyAndModify(c, box, out, size);
+    const NestedBox* nested = dynamic_cast<const NestedBox*>(&box);
+    if (nested == nullptr || !box.hasChild() || box.is("dinf") || box.is("stsd")) {
+        if (rebuiltTable(box, out))
+            return true;
+        ByteArray bytes;
+        if (!c.readBox(box, kMaxCopiedBox, bytes) || bytes.empty())
+            return false;
+        out.append(bytes);
+        return true;
+    }
+    if (nested->children.empty())
+        return false;
     const uint64_t at = out.length;
-    out.append32be(8);
+    out.append32be(8); // the size is known once the children are in
     out.append(&box.type, 4);
-    uint64_t total = 8;
-    for (BOX* child : nested->children) {
-        unsigned n = 0;
-        if (!copyBox(c, *child, out, n))
+    for (const BOX* child : nested->children)
+        if (!copyBox(c, *child, out))
             return false;
-        total += n;
-        if (total > UINT32_MAX)
-            return false;
-    }
-    put32be(out.data + at, static_cast<uint32_t>(total));
-    size = static_cast<unsigned>(total);
-    return !nested->children.empty();
-}
-
-bool SpatialSound::copyAndModify(Container& c, BOX& box, ByteArray& out, unsigned& size)
-{
-    size = 0;
-    if (box.is("co64"))
-        size = modifyCO64(c, box, out);
-    else if (box.is("mdhd"))
-        size = modifyMDHD(c, box, out);
-    else if (box.is("stsc"))
-        size = modifySTSC(c, box, out);
-    else if (box.is("stsz"))
-        size = modifySTSZ(c, box, out);
-    else if (box.is("stts"))
-        size = modifySTTS(c, box, out);
-    else if (box.size <= kMaxCopiedBox) {
-        c.open([&](GLTK::FileIO& f) {
-            if (clippedEnd(box, f.length()) != box.end() || !f.seek_set(static_cast<int64_t>(box.start)))
-                return;
-            ByteArray bytes;
-            bytes.resize(box.size);
-            if (box.size > 0 && f.read(bytes.data, box.size) != box.size)
-                return;
-            out.append(bytes);
-            size = static_cast<unsigned>(box.size);
-        });
-    }
-    return size != 0;
-}
-
-bool SpatialSound::writeFullBoxHeader(const BOX& box, GLTK::FileIO& file, ByteArray& out, unsigned newSize)
-{
-    // Only the compact header form carries a version right after the type.
-    if (box.largesize || box.size < 12 || !file.seek_set(static_cast<int64_t>(box.start)))
+    if (out.length - at > UINT32_MAX)
         return false;
-    uint8_t h[12];
-    if (file.read(h, 12) != 12)
-        return false;
-    if (newSize != 0)
-        put32be(h, newSize);
-    out.append(h, 12);
+    put32be(out.data + at, static_cast<uint32_t>(out.length - at));
     return true;
 }
 
-// Each rebuilt table box is written with its own length, which for the
-// camera's tables (one stts entry, a constant sample size) is the source's.
-
-unsigned SpatialSound::modifyMDHD(Container& c, BOX& box, ByteArray& out)
+bool SpatialSound::rebuiltTable(const BOX& box, ByteArray& out)
 {
-    unsigned written = 0;
-    c.open([&](GLTK::FileIO& f) {
-        uint8_t version = 0;
-        if (!f.seek_set(static_cast<int64_t>(box.start + 8)) || f.read(&version, 1) != 1)
-            return;
-        const unsigned length = version == 1 ? 44 : 32;
-        if (clippedEnd(box, f.length()) < box.start + length)
-            return;
-        ByteArray b;
-        if (!writeFullBoxHeader(box, f, b, length))
-            return;
-        uint8_t times[20], tail[4];
-        const unsigned timesLength = version == 1 ? 20 : 12; // creation, modification, time scale
-        if (f.read(times, timesLength) != timesLength)
-            return;
-        b.append(times, timesLength);
+    if (box.largesize || box.size < 12)
+        return false;
+    if (box.is("mdhd")) {
         // Every sample lasts one time-scale unit.
-        if (version == 1)
-            b.append64be(sampleCount);
-        else
-            b.append32be(sampleCount);
-        if (!f.seek_cur(version == 1 ? 8 : 4) || f.read(tail, 4) != 4) // language, pre_defined
-            return;
-        b.append(tail, 4);
-        out.append(b);
-        written = length;
-    });
-    return written;
-}
-
-unsigned SpatialSound::modifySTTS(Container& c, BOX& box, ByteArray& out)
-{
-    unsigned written = 0;
-    c.open([&](GLTK::FileIO& f) {
-        ByteArray b;
-        if (!writeFullBoxHeader(box, f, b, 24))
-            return;
-        b.append32be(1);
-        b.append32be(sampleCount);
-        b.append32be(1);
-        out.append(b);
-        written = 24;
-    });
-    return written;
-}
-
-unsigned SpatialSound::modifySTSC(Container& c, BOX& box, ByteArray& out)
-{
-    unsigned written = 0;
-    c.open([&](GLTK::FileIO& f) {
-        ByteArray b;
-        if (!writeFullBoxHeader(box, f, b, 40))
-            return;
-        b.append32be(2);
-        b.append32be(1);
-        b.append32be(kChunkSamples);
-        b.append32be(1);
-        b.append32be(chunkCount);
-        b.append32be(lastChunkRemainder);
-        b.append32be(1);
-        out.append(b);
-        written = 40;
-    });
-    return written;
-}
-
-unsigned SpatialSound::modifySTSZ(Container& c, BOX& box, ByteArray& out)
-{
-    unsigned written = 0;
-    c.open([&](GLTK::FileIO& f) {
-        ByteArray b;
-        if (!writeFullBoxHeader(box, f, b, 20))
-            return;
-        b.append32be(sampleSize);
-        b.append32be(sampleCount);
-        out.append(b);
-        written = 20;
-    });
-    return written;
-}
-
-unsigned SpatialSound::modifyCO64(Container& c, BOX& box, ByteArray& out)
-{
-    unsigned written = 0;
-    c.open([&](GLTK::FileIO& f) {
-        const unsigned length = chunkCount * 8 + 16;
-        ByteArray b;
-        if (!writeFullBoxHeader(box, f, b, length))
-            return;
-        b.append32be(chunkCount);
+        MDHD mdhd = static_cast<const MDHD&>(box);
+        mdhd.duration = sampleCount;
+        out.append(mdhd.bytes());
+    } else if (box.is("stts")) {
+        out.append(STTS::bytes(static_cast<const STTS&>(box).versionFlags, sampleCount, 1));
+    } else if (box.is("stsc")) {
+        out.append(STSC::bytes(static_cast<const STSC&>(box).versionFlags,
+                               {{1, kChunkSamples, 1}, {chunkCount, lastChunkRemainder, 1}}));
+    } else if (box.is("stsz")) {
+        out.append(STSZ::bytes(static_cast<const STSZ&>(box).versionFlags, sampleSize, sampleCount));
+    } else if (box.is("co64")) {
+        // Each chunk named where its first byte lies in the source movie.
         const uint64_t chunkBytes = uint64_t(sampleSize) * kChunkSamples;
+        std::vector<uint64_t> offsets(chunkCount);
         for (uint32_t i = 0; i < chunkCount; ++i)
-            b.append64be(payloadStart + chunkBytes * i);
-        out.append(b);
-        written = length;
-    });
-    return written;
-}
-
-bool SpatialSound::writeTrimmedQATR(GLTK::FileIO& file)
-{
-    return buffer.length == 0 || file.write(buffer.data, buffer.length) == buffer.length;
+            offsets[i] = payloadStart + startByte + chunkBytes * i;
+        co64At = out.length + 16;
+        out.append(CO64::bytes(static_cast<const STCO&>(box).versionFlags, offsets));
+    } else {
+        return false;
+    }
+    return true;
 }
 
 } // namespace MP4

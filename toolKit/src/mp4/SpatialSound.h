@@ -5,9 +5,9 @@
 // with two children: QADT, the raw audio samples, and QATR, a complete track
 // description whose chunk offsets point into the QADT payload. For a time
 // range this works out which bytes of the payload to keep and builds a new
-// QATR box describing exactly those bytes, with its chunk offsets pointing
-// at the source's QADT payload; the container's trimSpatialData writes the
-// kept bytes and this track and then moves the offsets to the new box.
+// QATR box describing exactly those bytes. Its chunk offsets name the kept
+// bytes where they lie in the source movie; the edit plan moves them to
+// where the kept bytes land in the output.
 #include "ByteArray.h"
 #include "MP4Container.h"
 
@@ -33,24 +33,11 @@ public:
 
     bool buildTrimmedQATR(Container& c);
     // Copies a box into out, nested boxes child by child, the table boxes
-    // rebuilt; size receives the number of bytes appended.
-    bool copyBox(Container& c, BOX& box, ByteArray& out, unsigned& size);
-    bool copyAndModify(Container& c, BOX& box, ByteArray& out, unsigned& size);
-
-    // Each writes the rebuilt table box and returns its length (0 on failure).
-    unsigned modifyMDHD(Container& c, BOX& box, ByteArray& out);
-    unsigned modifySTTS(Container& c, BOX& box, ByteArray& out);
-    unsigned modifySTSC(Container& c, BOX& box, ByteArray& out);
-    unsigned modifySTSZ(Container& c, BOX& box, ByteArray& out);
-    unsigned modifyCO64(Container& c, BOX& box, ByteArray& out);
-
-    // The box's size (newSize, or the source's when 0), type, version and
-    // flags.
-    bool writeFullBoxHeader(const BOX& box, GLTK::FileIO& file, ByteArray& out, unsigned newSize);
-    // Writes buffer at the file's position; true when it is empty or whole.
-    bool writeTrimmedQATR(GLTK::FileIO& file);
+    // rebuilt.
+    bool copyBox(Container& c, const BOX& box, ByteArray& out);
 
     ByteArray buffer;             // the rebuilt QATR box
+    uint64_t co64At;              // where its chunk offsets start in buffer
     uint32_t sampleSize;          // bytes per sample (the track's stsz)
     uint32_t chunkCount;          // chunks of the rebuilt track
     uint32_t sampleCount;         // samples kept
@@ -58,6 +45,10 @@ public:
     uint64_t startByte, endByte;  // kept range, from the payload's first byte
     uint64_t payloadStart;        // source file offset of the QADT payload
     bool trimmed;                 // a rebuilt QATR stands in buffer
+
+private:
+    // The rebuilt form of one table box; false for a box copied as it is.
+    bool rebuiltTable(const BOX& box, ByteArray& out);
 };
 
 } // namespace MP4

@@ -1,13 +1,12 @@
 #include "SensorStreamBoxes.h"
 
 #include "AccelSensorStreamEmbed.h"
-#include "MP4Splice.h"
 
 namespace SensorStream {
 
 uint64_t boxBytesAvailable(const MP4::BOX& box, uint64_t fileLength)
 {
-    return MP4::clippedEnd(box, fileLength) - box.start;
+    return box.clippedEnd(fileLength) - box.start;
 }
 
 bool trimSensorBox(uint8_t* box, uint64_t boxSize, unsigned recordSize, uint32_t first, uint32_t count)

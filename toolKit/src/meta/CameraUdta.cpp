@@ -1,0 +1,87 @@
+#include "CameraUdta.h"
+
+#include "AccelSensorStreamEmbed.h"
+#include "GLTKConsole.h"
+#include "MetaBuilder.h"
+#include "SensorStreamBoxes.h"
+#include "Thumbnailer.h"
+
+namespace {
+constexpr uint64_t kMaxMakerNote = 16 << 20;
+// Sensor streams of hours of recording stay far below this.
+constexpr uint64_t kMaxSensorBox = 256ull << 20;
+} // namespace
+
+bool CameraUdta::update(const MP4::Container& camera, unsigned file, const MP4::NestedBox& udta,
+                        const std::wstring& mediaPath, MP4::EditPlan& plan) const
+{
+    for (const MP4::BOX* box : udta.children) {
+        if (box->size < 9 || box->largesize || !box->isWhole(camera.length()))
+            continue;
+        if (box->is("QMKN")) {
+            ByteArray payload;
+            if (!camera.readBox(*box, kMaxMakerNote, payload))
+                continue;
+            ByteArray note(payload.data + 8, payload.length - 8);
+            updateMakerNote(note);
+            plan.patch(file, box->payloadStart(), std::move(note));
+        } else if (box->is("QTHU")) {
+            redrawThumbnail(*box, file, mediaPath, plan);
+        } else if (meta.trimCount > 0 && box->is("QDTD")) {
+            trimSensorBox(camera, *box, sizeof(AccelSensorStreamEmbed::TopBottomCorrection), file, plan);
+        } else if (meta.trimCount > 0 && box->is("QDTC")) {
+            trimSensorBox(camera, *box, sizeof(AccelSensorStreamEmbed::Ecompass), file, plan);
+        }
+    }
+    return true;
+}
+
+void CameraUdta::updateMakerNote(ByteArray& note) const
+{
+    auto attempt = [&](const wchar_t* failed, auto update) {
+        bool ok = false;
+        try {
+            ok = update();
+        } catch (const char*) {
+            ok = false;
+        }
+        if (!ok)
+            GLTK::Console::out(L"%ls", failed);
+    };
+    uint8_t* p = note.data;
+    const size_t n = static_cast<size_t>(note.length);
+    int32_t zenith = meta.makerModes[0], rollingShutter = meta.makerModes[2];
+    attempt(L"ProjectionType update failed.\n",
+            [&] { return ExifParser::updateProjectionType(p, n, ExifParser::PROJECTION_EQUIRECTANGULAR); });
+    attempt(L"SphereAdjZenith update failed.\n", [&] { return ExifParser::updateSphereAdjZenith(p, n, zenith); });
+    attempt(L"VideoStabilization update failed.\n",
+            [&] { return ExifParser::updateVideoStabilization(p, n, meta.makerModes[1]); });
+    attempt(L"AdjRollingShutter update failed.\n",
+            [&] { return ExifParser::updateAdjRollingShutter(p, n, rollingShutter); });
+}
+
+void CameraUdta::redrawThumbnail(const MP4::BOX& box, unsigned file, const std::wstring& mediaPath,
+                                 MP4::EditPlan& plan) const
+{
+    const uint64_t n = box.payloadSize();
+    ByteArray payload;
+    payload.resize(n);
+    ByteArray jpeg;
+    Thumbnailer thumbnailer(mediaPath);
+    if (thumbnailer.saveFrame(jpeg, 640, static_cast<size_t>(n)) && jpeg.length <= n) {
+        std::memcpy(payload.data, jpeg.data, static_cast<size_t>(jpeg.length));
+    } else {
+        // Readers skip a box they do not know; a stale thumbnail would lie.
+        plan.patch(file, box.start + 4, ByteArray("free", 4));
+    }
+    plan.patch(file, box.payloadStart(), std::move(payload));
+}
+
+void CameraUdta::trimSensorBox(const MP4::Container& camera, const MP4::BOX& box, unsigned recordSize,
+                               unsigned file, MP4::EditPlan& plan) const
+{
+    ByteArray bytes;
+    if (camera.readBox(box, kMaxSensorBox, bytes) &&
+        SensorStream::trimSensorBox(bytes.data, bytes.length, recordSize, meta.trimStart, meta.trimCount))
+        plan.patch(file, box.start, std::move(bytes));
+}

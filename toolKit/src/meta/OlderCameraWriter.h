@@ -1,0 +1,18 @@
+#pragma once
+// The rebuild of an older camera's movie (model codes below the newer
+// generation): moov goes in front of the media, unreadable loci boxes go,
+// the Spherical Video box and the location boxes are added, then the XMP
+// and axis boxes and the creation times. The camera's udta is not carried.
+#include "MP4Container.h"
+
+class MetaBuilder;
+
+class OlderCameraWriter {
+public:
+    explicit OlderCameraWriter(MetaBuilder& rebuild) : meta(rebuild) {}
+    // Records the edits in the plan over the movie; false ends the rebuild.
+    bool build(const MP4::Container& movie, MP4::EditPlan& plan, bool inPlace);
+
+private:
+    MetaBuilder& meta;
+};

@@ -1,0 +1,82 @@
+#include "SourceMetadata.h"
+
+#include "CameraModel.h"
+#include "ElementText.h"
+
+#include <cmath>
+
+namespace {
+// Text boxes are read at most this far.
+constexpr uint64_t kMaxText = 4096;
+constexpr uint64_t kMaxMakerNote = 16 << 20;
+} // namespace
+
+bool SourceMetadata::read(const MP4::Container& c)
+{
+    *this = SourceMetadata();
+    if (!c.root)
+        return false;
+
+    if (const MP4::BOX* m = c.first("moov.mvhd"))
+        creationTime = static_cast<const MP4::MVHD*>(m)->creationTime;
+
+    const MP4::BOX* mod = c.first("moov.udta.@mod");
+    if (mod != nullptr && mod->size > 8 && c.readPayload(*mod, kMaxText, modelText)) {
+        hasModel = true;
+        modelCode = CameraModel::code(modelText);
+    }
+
+    if (const MP4::BOX* q = c.first("moov.udta.QMKN")) {
+        std::string bytes;
+        makerNote = MakerNote::Empty;
+        if (q->size > 8 && c.readPayload(*q, kMaxMakerNote, bytes)) {
+            try {
+                ExifParser parser;
+                parser.attachQMKN(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+                parser.readOREVX(orvex);
+                makerNote = MakerNote::Read;
+            } catch (const char* message) {
+                makerNote = MakerNote::Unreadable;
+                makerNoteError = message;
+            }
+        }
+    }
+    if (makerNote == MakerNote::Read && !std::isnan(orvex.heading))
+        gps.attachCompass(static_cast<double>(orvex.heading));
+
+    c.find("uuid", [&](MP4::BOX& b) {
+        const auto& u = static_cast<const MP4::UUID&>(b);
+        if (u.hasUserType(MP4::XMP::_UUID) && !hasXmp) {
+            hasXmp = true;
+            xmp = u.payload.toString();
+            if (!gps.hasDirection)
+                gps.attachCompass(xmp);
+            MetaText::elementText(xmp, "<VideoStabilization>", "</VideoStabilization>", false, stabilizationSummary);
+        } else if (u.hasUserType(MP4::AXIS::_UUID) && axis.empty()) {
+            axis = u.payload.toString();
+        }
+        return true;
+    });
+
+    if (const MP4::BOX* x = c.first("moov.udta.@xyz")) {
+        std::string text;
+        if (c.readPayload(*x, kMaxText, text)) {
+            hasXyz = true;
+            gps.attachRXYZ(text.c_str()); // stops at the first zero byte
+        }
+    }
+
+    if (c.videoTrack != nullptr)
+        static_cast<const MP4::NestedBox&>(*c.videoTrack).find("uuid", [&](MP4::BOX& b) {
+            const auto& u = static_cast<const MP4::UUID&>(b);
+            if (!u.hasUserType(MP4::SphericalXML::_UUID))
+                return true;
+            hasSphericalXml = true;
+            sphericalXml = u.payload.toString();
+            return false;
+        });
+
+    const MP4::BOX* gyro = c.first("moov.udta.QDTB");
+    hasGyroData = gyro != nullptr && gyro->size >= 25;
+    return true;
+}

@@ -1,0 +1,140 @@
+#pragma once
+// The core of the box tree: a box header, nested boxes with their dotted-path
+// lookup, and the factory of typed children. Only the boxes the metadata
+// stages touch get typed classes (declared by family in MP4SampleTables.h,
+// MP4Headers.h, MP4Location.h and MP4UUID.h); every other box is a plain BOX
+// that remembers where it lies and how big it is, so that it can be copied
+// byte for byte.
+#include "ByteArray.h"
+#include "MP4BinFile.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace MP4 {
+
+class BOX {
+public:
+    BOX() = default;
+    // Reads one box header at the file's position.
+    BOX(BinFile& file, int depth, BOX* parent);
+    virtual ~BOX() = default;
+
+    virtual bool hasChild() const { return false; }
+    virtual void dump() const;
+    virtual void parseBox(BinFile& /*file*/, uint64_t /*end*/) {}
+    virtual BOX* allocChild(BOX& /*header*/) { return nullptr; }
+
+    // "'type': start=N bytes=N"
+    std::wstring basicTag() const;
+    std::string typeText() const;
+    bool is(const char* code) const { return type == fourcc(code); }
+    uint64_t end() const { return start + size; }
+    // Length of the header: 16 with a 64-bit size, else 8.
+    uint64_t headerSize() const { return largesize ? 16 : 8; }
+    // The payload offset and length, clipped to the box.
+    uint64_t payloadStart() const { return start + headerSize(); }
+    uint64_t payloadSize() const { return size > headerSize() ? size - headerSize() : 0; }
+    // The end of the box, cut at the end of each ancestor and of the file.
+    uint64_t clippedEnd(uint64_t fileLength) const;
+    // The box lies wholly inside its ancestors and the file.
+    bool isWhole(uint64_t fileLength) const { return clippedEnd(fileLength) == end(); }
+    // True when this box is `other` or lies inside it (through parent links).
+    bool isInside(const BOX& other) const;
+
+    int depth = 0;
+    uint64_t start = 0;
+    uint64_t size = 0;
+    uint32_t type = 0;
+    bool largesize = false;
+    // The size field held 0: the box runs to the end of the file.
+    bool openEnded = false;
+    BOX* parent = nullptr;
+
+protected:
+    void copyHeader(const BOX& h)
+    {
+        depth = h.depth;
+        start = h.start;
+        size = h.size;
+        type = h.type;
+        largesize = h.largesize;
+        openEnded = h.openEnded;
+        parent = h.parent;
+    }
+    std::wstring indent() const;
+};
+
+// Deepest nesting the parser follows; deeper boxes are kept as plain boxes.
+constexpr int kMaxDepth = 24;
+
+class NestedBox : public BOX {
+public:
+    NestedBox() = default;
+    explicit NestedBox(const BOX& header) { copyHeader(header); }
+    ~NestedBox() override;
+    NestedBox(const NestedBox&) = delete;
+    NestedBox& operator=(const NestedBox&) = delete;
+
+    bool hasChild() const override { return true; }
+    void dump() const override;
+    void parseBox(BinFile& file, uint64_t end) override;
+    BOX* allocChild(BOX& header) override;
+
+    // Visits every box matching the dotted path of four-character codes below
+    // this box; the visitor returns true to go on.
+    void find(const char* path, const std::function<bool(BOX&)>& visit) const;
+    void if_not_found(const char* path, const std::function<void()>& action) const;
+    // The first match, or null.
+    BOX* first(const char* path) const;
+    // Where new children go: behind the last child, or at the start of the
+    // payload when there is none.
+    uint64_t endOfChildren() const;
+
+    std::vector<BOX*> children;
+
+protected:
+    void parseChildren(BinFile& file, uint64_t end);
+};
+
+class NestedBoxWithVersion : public NestedBox {
+public:
+    using NestedBox::NestedBox;
+    void parseBox(BinFile& file, uint64_t end) override;
+    uint32_t versionFlags = 0;
+};
+
+// The nested boxes, named by their codes; each knows its typed children.
+#define MP4_NESTED(NAME)                            \
+    class NAME : public NestedBox {                 \
+    public:                                         \
+        using NestedBox::NestedBox;                 \
+        BOX* allocChild(BOX& header) override;      \
+    };
+MP4_NESTED(ROOT)
+MP4_NESTED(MOOV)
+MP4_NESTED(TRAK)
+MP4_NESTED(MDIA)
+MP4_NESTED(MINF)
+MP4_NESTED(STBL)
+MP4_NESTED(UDTA)
+#undef MP4_NESTED
+
+class META : public NestedBoxWithVersion {
+public:
+    using NestedBoxWithVersion::NestedBoxWithVersion;
+    BOX* allocChild(BOX& header) override;
+};
+
+// Serialisers shared by every box the rebuild writes: a header with a 32-bit
+// size, then the payload.
+void appendHeader(ByteArray& out, const char* type, uint64_t size);
+ByteArray makeBox(const char* type, const ByteArray& payload);
+// A full box: the version byte and 24 flag bits lead the payload.
+ByteArray makeFullBox(const char* type, uint8_t version, uint32_t flags, const ByteArray& payload);
+// A "free" box of the given total size (at least 8), zero-filled.
+ByteArray makeFreeBox(uint64_t size);
+
+} // namespace MP4

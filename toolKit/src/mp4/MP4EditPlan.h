@@ -1,0 +1,145 @@
+#pragma once
+// The output movie as an edit plan: an ordered list of pieces, each a byte
+// range of an input file or new bytes held in memory. Every metadata edit
+// changes the plan, not a file. When the plan is final, one remap works out
+// where every input byte lands and rewrites each absolute offset that points
+// into the output (the chunk offsets of every track and of the spatial-audio
+// track, the QDT9 pointer to the spatial data) and the size field of every
+// box on the path to a change; then the output is written once.
+//
+// Input 0 is the movie being edited. Another input (the camera's own movie,
+// when the edited one is a fresh encode) can lend byte ranges too; offsets
+// held in its boxes name its own bytes and are remapped the same way.
+#include "ByteArray.h"
+#include "MP4Box.h"
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace MP4 {
+
+class Container;
+
+class EditPlan {
+public:
+    // A byte of an input file.
+    struct Position {
+        unsigned file = 0;
+        uint64_t offset = 0;
+    };
+    // Absolute file offsets held in the output: `count` big-endian values of
+    // `width` bytes (4 or 8) from `at` on. Each value of a table names a byte
+    // of input `file` as it stands; a pointer instead names `target` plus
+    // `addend`, whatever it held before.
+    struct Offsets {
+        uint64_t at = 0;
+        uint64_t count = 0;
+        unsigned width = 4;
+        unsigned file = 0;
+        bool pointer = false;
+        Position target;
+        int64_t addend = 0;
+        const char* owner = ""; // the box that holds them, for messages
+    };
+    // A piece of the output: a byte range of an input, or new bytes with the
+    // offsets they hold (`at` counted from the start of the bytes).
+    struct Piece {
+        unsigned file = 0;
+        uint64_t start = 0, length = 0;
+        std::shared_ptr<ByteArray> bytes;
+        std::vector<Offsets> offsets;
+        uint64_t size() const { return bytes ? bytes->length : length; }
+    };
+    using Pieces = std::vector<Piece>;
+    static Piece range(unsigned file, uint64_t start, uint64_t length);
+    static Piece bytes(ByteArray data, std::vector<Offsets> offsets = {});
+
+    // The identity over the movie: its top-level boxes in file order.
+    explicit EditPlan(const Container& movie);
+    EditPlan(const EditPlan&) = delete;
+    EditPlan& operator=(const EditPlan&) = delete;
+    // Another input whose bytes the output may take; returns its number.
+    unsigned addInput(const Container& other);
+    const Container& input(unsigned file) const { return *inputs.at(file).container; }
+
+    // Edits of the movie's boxes (input 0), named for the failure line. An
+    // edit is refused (false, after that line) when its box does not lie
+    // whole inside its parents and the file, or runs into an earlier edit.
+    bool replace(const wchar_t* name, const BOX& box, Pieces with);
+    bool remove(const wchar_t* name, const BOX& box);
+    // New pieces at input offset `at` inside the box `into` (between two of
+    // its children or behind the last); `into` and its parents grow.
+    bool insert(const wchar_t* name, const BOX& into, uint64_t at, Pieces what);
+    // The top-level boxes in a new order; boxes left out are dropped.
+    void reorder(const std::vector<const BOX*>& topLevel);
+    // New top-level pieces behind everything else.
+    void append(Pieces what);
+    // Bytes of an input rewritten, wherever they land (same length).
+    void patch(unsigned file, uint64_t at, ByteArray bytes);
+    // Puts these offsets in place of what is registered at the same input
+    // place (such as a pointer that must name new bytes).
+    void setOffsets(unsigned file, const Offsets& o);
+
+    // The box of input 0 is still in the output: neither it nor a box around
+    // it is replaced, removed or dropped.
+    bool keeps(const BOX& box) const;
+
+    // Remaps and writes the output once: into a temporary file beside
+    // outputPath that is then renamed over it, or, when outputPath is input 0
+    // and none of its bytes moves, by rewriting only what changed in place.
+    // A refused remap writes nothing; a failed or cancelled write leaves no
+    // temporary file. Prints one line on failure.
+    bool write(const std::wstring& outputPath);
+
+    // Where a byte of an input lands in the output (valid after write).
+    uint64_t map(unsigned file, uint64_t offset) const;
+    // Bytes the last write put on disk, and whether it worked in place.
+    uint64_t bytesWritten = 0;
+    bool wroteInPlace = false;
+
+private:
+    struct Input {
+        const Container* container;
+        std::wstring path;
+        uint64_t length;
+        std::vector<Offsets> offsets; // registered in its boxes
+    };
+    struct Splice {
+        uint64_t at = 0, removed = 0;
+        Pieces content;
+        const BOX* top = nullptr;   // the top-level box it lies in
+        const BOX* box = nullptr;   // the box replaced or removed (null: an insertion)
+        int depth = 0;              // of the box an insertion goes into
+        unsigned seq = 0;
+    };
+    // One piece placed in the output.
+    struct Placed {
+        Piece piece;
+        uint64_t out = 0;
+    };
+
+    void registerOffsets(unsigned file, const Container& c);
+    bool refuse(const wchar_t* name, const BOX* box) const;
+    bool fitsAsEdit(const wchar_t* name, const BOX& box) const;
+    void grow(const BOX& box, int64_t delta);
+    bool addSplice(const wchar_t* name, Splice s);
+    void layout();
+    bool remap(std::map<unsigned, std::map<uint64_t, ByteArray>>& overlays);
+    bool writeOut(const std::wstring& outputPath, const std::map<unsigned, std::map<uint64_t, ByteArray>>& overlays);
+
+    std::vector<Input> inputs;
+    std::vector<const BOX*> top;       // input 0's top-level boxes, in output order
+    uint64_t tailStart = 0;            // bytes of input 0 after its last box
+    Pieces appended;
+    std::vector<Splice> splices;
+    std::vector<const BOX*> gone;      // replaced or removed boxes
+    std::map<const BOX*, int64_t> deltas;
+    std::vector<std::pair<Position, ByteArray>> patches;
+    std::vector<Placed> placed;
+    uint64_t total = 0;
+    unsigned nextSeq = 0;
+};
+
+} // namespace MP4
