@@ -143,13 +143,18 @@ void showGPS(const MP4::Container& c, const SourceMetadata& found)
 void showView(const SourceMetadata& found)
 {
     section(L"Spherical Video view");
+    Console::LocaleC c;
+    if (found.hasV2)
+        Console::out(L"V2 pose: yaw %g, pitch %g, roll %g (written by %ls)\n", found.v2Yaw, found.v2Pitch,
+                     found.v2Roll, wide(found.v2Source).c_str());
+    else
+        Console::out(L"no Spherical Video V2.\n");
     if (!found.hasSphericalXml) {
         Console::out(L"no Spherical Video XML.\n");
         return;
     }
     ViewHeading view;
     view.attach(found.sphericalXml);
-    Console::LocaleC locale;
     Console::out(L"stitching software: %ls\n", wide(view.stitchingSoftware).c_str());
     auto angle = [](const wchar_t* name, float v) {
         if (std::isnan(v))

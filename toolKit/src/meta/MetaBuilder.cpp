@@ -154,6 +154,16 @@ void MetaBuilder::updateSphereXML(const MP4::Container& c, bool inPlace)
     }
 }
 
+bool MetaBuilder::appendSphericalV2(const MP4::Container& movie, MP4::EditPlan& plan) const
+{
+    if (sphericalXml.empty())
+        return true;
+    ViewHeading view;
+    view.attach(sphericalXml);
+    const double pitch = std::isnan(view.pitch) ? 0.0 : std::clamp(double(view.pitch), -90.0, 90.0);
+    return movie.appendSphericalVideoV2(plan, creatorTool, MP4::SphericalV2::yawOf(view.heading), pitch);
+}
+
 // ---------------------------------------------------------------- adjusting
 
 void MetaBuilder::trimStream(unsigned start, unsigned count)

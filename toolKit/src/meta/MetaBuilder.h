@@ -31,6 +31,8 @@ public:
     // Settles the Spherical Video V1 XML for the movie: made when the source
     // had none and the frame is 2:1, padded to 1000 characters.
     void updateSphereXML(const MP4::Container& c, bool inPlace);
+    // Spherical Video V2 beside the V1 XML, with the same initial view.
+    bool appendSphericalV2(const MP4::Container& movie, MP4::EditPlan& plan) const;
     void progress(unsigned step);
 
     // Trimming and adjustments between readMeta and updateMeta.

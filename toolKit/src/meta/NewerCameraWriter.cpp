@@ -10,7 +10,8 @@
 bool NewerCameraWriter::build(const MP4::Container& movie, MP4::EditPlan& plan, bool inPlace)
 {
     meta.updateSphereXML(movie, inPlace);
-    if (!meta.sphericalXml.empty() && !movie.appendSphericalVideoXML(plan, meta.sphericalXml))
+    if (!meta.sphericalXml.empty() &&
+        (!movie.appendSphericalVideoXML(plan, meta.sphericalXml) || !meta.appendSphericalV2(movie, plan)))
         return false;
     meta.progress(6);
 

@@ -1,6 +1,6 @@
 #pragma once
-// The rebuild of a newer camera's movie: the Spherical Video box goes into
-// the video track; the camera's own udta (maker note, sensor streams, maker
+// The rebuild of a newer camera's movie: the Spherical Video boxes (V1 and
+// V2) go into the video track; the camera's own udta (maker note, sensor streams, maker
 // thumbnail, QDT9), its GPS meta box and its spatial data are carried over
 // from the camera's movie, brought up to date and cut to the kept range;
 // then the XMP box and the creation times. No location, axis or reordering

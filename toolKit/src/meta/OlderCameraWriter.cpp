@@ -8,7 +8,8 @@ bool OlderCameraWriter::build(const MP4::Container& movie, MP4::EditPlan& plan, 
     movie.removeBadLOCI(plan);
     meta.progress(6);
     meta.updateSphereXML(movie, inPlace);
-    if (!movie.appendLocationAndSphericalVideoXML(plan, meta.gps, meta.sphericalXml))
+    if (!movie.appendLocationAndSphericalVideoXML(plan, meta.gps, meta.sphericalXml) ||
+        !meta.appendSphericalV2(movie, plan))
         return false;
     meta.progress(8);
     if (!meta.xmp.empty() && !movie.appendXMP(plan, meta.xmp))

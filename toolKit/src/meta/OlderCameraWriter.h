@@ -1,7 +1,7 @@
 #pragma once
 // The rebuild of an older camera's movie (model codes below the newer
 // generation): moov goes in front of the media, unreadable loci boxes go,
-// the Spherical Video box and the location boxes are added, then the XMP
+// the Spherical Video boxes (V1 and V2) and the location boxes are added, then the XMP
 // and axis boxes and the creation times. The camera's udta is not carried.
 #include "MP4Container.h"
 

@@ -76,6 +76,24 @@ bool SourceMetadata::read(const MP4::Container& c)
             return false;
         });
 
+    if (c.videoTrack != nullptr)
+        static_cast<const MP4::NestedBox&>(*c.videoTrack).find("mdia.minf.stbl.stsd", [&](MP4::BOX& stsd) {
+            for (const MP4::BOX* entry : static_cast<const MP4::NestedBox&>(stsd).children) {
+                const auto* e = dynamic_cast<const MP4::VisualSampleEntry*>(entry);
+                const auto* sv3d = e != nullptr ? dynamic_cast<const MP4::SV3D*>(e->first("sv3d")) : nullptr;
+                if (sv3d == nullptr || !sv3d->complete())
+                    continue;
+                const auto& prhd = static_cast<const MP4::PRHD&>(*sv3d->first("proj.prhd"));
+                hasV2 = true;
+                v2Yaw = prhd.yaw;
+                v2Pitch = prhd.pitch;
+                v2Roll = prhd.roll;
+                v2Source = static_cast<const MP4::SVHD&>(*sv3d->first("svhd")).metadataSource;
+                return false;
+            }
+            return false;
+        });
+
     const MP4::BOX* gyro = c.first("moov.udta.QDTB");
     hasGyroData = gyro != nullptr && gyro->size >= 25;
     return true;

@@ -38,6 +38,11 @@ public:
     bool hasSphericalXml = false;
     std::string sphericalXml;
 
+    // The Spherical Video V2 boxes of the video track's sample entry.
+    bool hasV2 = false;
+    double v2Yaw = 0, v2Pitch = 0, v2Roll = 0;
+    std::string v2Source;
+
     // moov.udta.@xyz, with the direction of the maker note's heading, or of
     // the XMP when the maker note has none.
     bool hasXyz = false;

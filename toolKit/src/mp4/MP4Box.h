@@ -4,4 +4,5 @@
 #include "MP4Headers.h"
 #include "MP4Location.h"
 #include "MP4SampleTables.h"
+#include "MP4Spherical.h"
 #include "MP4UUID.h"

@@ -223,9 +223,18 @@ BOX* STSD::allocChild(BOX& h)
     }
 }
 
+BOX* VisualSampleEntry::allocChild(BOX& h)
+{
+    switch (h.type) {
+    case fourcc("st3d"): return make<ST3D>(h);
+    case fourcc("sv3d"): return make<SV3D>(h);
+    default: return make<BOX>(h);
+    }
+}
+
 BOX* AVC1::allocChild(BOX& h)
 {
-    return h.type == fourcc("avcC") ? make<AVCC>(h) : make<BOX>(h);
+    return h.type == fourcc("avcC") ? make<AVCC>(h) : VisualSampleEntry::allocChild(h);
 }
 
 BOX* UDTA::allocChild(BOX& h)

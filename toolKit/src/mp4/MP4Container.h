@@ -59,6 +59,10 @@ public:
     // The Spherical Video V1 box of the video track that a new one replaces
     // (the last one met, or null), and the bytes of the new box.
     void build_sphericalVideoXmlBOX(const EditPlan& plan, BOX*& existing, ByteArray& out, const std::string& xml) const;
+    // Spherical Video V2 (st3d, sv3d) in the video track's sample entry,
+    // behind its codec configuration, in place of any the entry holds. A
+    // damaged entry or V2 box is left alone with one line saying so.
+    bool appendSphericalVideoV2(EditPlan& plan, const std::string& metadataSource, double yaw, double pitch) const;
     bool isSpatialDataExist() const;
     bool appendFullRangeAndConstrainedSet1Flag(EditPlan& plan, bool fullRange) const;
     // The location boxes the movie lacks, wrapped in a new udta when it has

@@ -63,6 +63,49 @@ bool Container::appendSphericalVideoXML(EditPlan& plan, const std::string& xml) 
     return plan.insert(L"appendSphericalVideoXML", track, track.end(), {EditPlan::bytes(std::move(bytes))});
 }
 
+// ---------------------------------------------------------------- Spherical Video V2
+
+bool Container::appendSphericalVideoV2(EditPlan& plan, const std::string& source, double yaw, double pitch) const
+{
+    if (videoTrack == nullptr)
+        return true;
+    const auto* stsd = static_cast<const NestedBox*>(static_cast<const NestedBox&>(*videoTrack).first("mdia.minf.stbl.stsd"));
+    const VisualSampleEntry* entry = nullptr;
+    for (const BOX* b : stsd != nullptr ? stsd->children : std::vector<BOX*>())
+        if ((entry = dynamic_cast<const VisualSampleEntry*>(b)) != nullptr)
+            break;
+    if (entry == nullptr)
+        return true; // no picture format that takes them
+    bool whole = entry->complete && entry->isWhole(length());
+    const BOX* config = nullptr;
+    std::vector<const BOX*> old;
+    for (const BOX* b : entry->children) {
+        whole = whole && b->isWhole(length());
+        if (config == nullptr && (b->is("avcC") || b->is("hvcC")))
+            config = b;
+        if (b->is("st3d") || b->is("sv3d"))
+            old.push_back(b);
+    }
+    if (!whole) {
+        GLTK::Console::out(L"MP4: the boxes of the video sample entry run past it; no Spherical Video V2 written.\n");
+        return true;
+    }
+    for (const BOX* b : old) {
+        const auto* st3d = dynamic_cast<const ST3D*>(b);
+        const auto* sv3d = dynamic_cast<const SV3D*>(b);
+        if ((st3d != nullptr && !st3d->complete) || (sv3d != nullptr && !sv3d->complete())) {
+            GLTK::Console::out(L"MP4: the movie's Spherical Video V2 box is truncated; left as it is.\n");
+            return true;
+        }
+    }
+    for (const BOX* b : old)
+        if (!plan.remove(L"appendSphericalVideoV2", *b))
+            return false;
+    const uint64_t at = config != nullptr ? config->end() : entry->payloadStart() + VisualSampleEntry::kFixedFields;
+    return plan.insert(L"appendSphericalVideoV2", *entry, at,
+                       {EditPlan::bytes(SphericalV2::boxes(source, yaw, pitch, 0.0))});
+}
+
 // ---------------------------------------------------------------- spatial data
 
 bool Container::isSpatialDataExist() const

@@ -39,7 +39,8 @@ bool Container::appendLocationAndSphericalVideoXML(EditPlan& plan, const GPSInfo
 {
     if (moov == nullptr || mdat == nullptr || videoTrack == nullptr)
         return false;
-    if (!appendSphericalVideoXML(plan, xml))
+    // A movie that is not spherical gets no Spherical Video box at all.
+    if (!xml.empty() && !appendSphericalVideoXML(plan, xml))
         return false;
     BOX* udta = nullptr;
     ByteArray locations;

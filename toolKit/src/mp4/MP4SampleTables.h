@@ -24,6 +24,7 @@ class VisualSampleEntry : public NestedBox {
 public:
     using NestedBox::NestedBox;
     void parseBox(BinFile& file, uint64_t end) override;
+    BOX* allocChild(BOX& header) override;
     void dump() const override;
     // The fixed fields lie inside the box, so its children start at 78.
     bool complete = false;
