@@ -39,9 +39,16 @@ void put32(uint8_t* p, uint32_t v, bool bigEndian)
     }
 }
 
-// The value field of a SHORT entry: the SHORT occupies the first two bytes,
-// i.e. the upper half of the field read as a 32-bit number.
-uint32_t shortValueWord(int32_t mode) { return uint32_t(mode) << 16; }
+// The value field of a SHORT entry holds the SHORT in its first two bytes,
+// in the note's own byte order, and two zero bytes after it.
+void putShortValue(uint8_t* field, int32_t mode, bool bigEndian)
+{
+    put16(field, uint16_t(mode), bigEndian);
+    put16(field + 2, 0, bigEndian);
+}
+
+// The SHORT of a value field read as a 32-bit number in the note's order.
+uint32_t shortOf(uint32_t value, bool bigEndian) { return bigEndian ? value >> 16 : value & 0xFFFF; }
 
 } // namespace
 
@@ -470,11 +477,11 @@ bool rewriteShort(uint8_t* buf, size_t n, uint16_t tag, int32_t& mode, bool neve
     return parser.find(tag, [&](uint16_t, uint16_t type, uint32_t count, uint32_t value) {
         if (type != ExifParser::TYPE_SHORT || count != 1)
             throw "invalid entry";
-        if (neverLower && mode == 0 && parser.toUINT16(value) == 1)
+        if (neverLower && mode == 0 && shortOf(value, parser.bigEndian) == 1)
             mode = 1;
         // The temporary parser works on a copy of buf of the same size, so
         // the value field it just read lies inside buf too.
-        put32(buf + parser.cursor - 4, shortValueWord(mode), parser.bigEndian);
+        putShortValue(buf + parser.cursor - 4, mode, parser.bigEndian);
     });
 }
 
@@ -532,7 +539,7 @@ bool ExifParser::updateVideoStabilization(uint8_t* buf, size_t n, VIDEO_STABILIZ
             put16(entry, 0x1014, be);
             put16(entry + 2, TYPE_SHORT, be);
             put32(entry + 4, 1, be);
-            put32(entry + 8, shortValueWord(mode), be);
+            putShortValue(entry + 8, mode, be);
         });
         if (found)
             GLTK::Console::out(L"Overwrite VideoStabilization(%04x) into %04x.\n", 0x1014, 0x0109);

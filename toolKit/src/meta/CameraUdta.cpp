@@ -38,15 +38,14 @@ bool CameraUdta::update(const MP4::Container& camera, unsigned file, const MP4::
 
 void CameraUdta::updateMakerNote(ByteArray& note) const
 {
+    // An update with nothing to do (tag absent, state unknown or off) is no
+    // failure; only a note that cannot be rewritten says so.
     auto attempt = [&](const wchar_t* failed, auto update) {
-        bool ok = false;
         try {
-            ok = update();
+            update();
         } catch (const char*) {
-            ok = false;
-        }
-        if (!ok)
             GLTK::Console::out(L"%ls", failed);
+        }
     };
     uint8_t* p = note.data;
     const size_t n = static_cast<size_t>(note.length);

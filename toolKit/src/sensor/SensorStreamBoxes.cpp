@@ -14,23 +14,24 @@ bool trimSensorBox(uint8_t* box, uint64_t boxSize, unsigned recordSize, uint32_t
     using A = AccelSensorStreamEmbed;
     if (box == nullptr || recordSize == 0 || boxSize < A::kRecordsAt)
         return false;
-    const uint64_t kept = uint64_t(count) * recordSize;
-    // A box the kept records would fill exactly is deliberately not rewritten.
-    if (boxSize - A::kRecordsAt <= kept)
-        return false;
     const bool big = le16(box + 16) == A::kBigEndianMark;
     uint32_t recorded = le32(box + 8);
     if (big)
         swapBytes(recorded);
-    const uint64_t last = uint64_t(first) + count;
-    if (last > recorded || A::kRecordsAt + last * recordSize > boxSize)
+    // A cut that runs past the last record keeps the records there are from
+    // its start on (none when it starts past them).
+    const uint64_t held = std::min<uint64_t>(recorded, (boxSize - A::kRecordsAt) / recordSize);
+    const uint64_t from = std::min<uint64_t>(first, held);
+    const uint64_t kept = std::min<uint64_t>(count, held - from) * recordSize;
+    // A box the kept records would fill exactly is deliberately not rewritten.
+    if (boxSize - A::kRecordsAt <= kept)
         return false;
-    uint32_t stored = count;
+    uint32_t stored = static_cast<uint32_t>(kept / recordSize);
     if (big)
         swapBytes(stored);
     std::memcpy(box + 8, &stored, 4);
     uint8_t* records = box + A::kRecordsAt;
-    std::memmove(records, records + uint64_t(first) * recordSize, kept);
+    std::memmove(records, records + from * recordSize, kept);
     std::memset(records + kept, 0, boxSize - A::kRecordsAt - kept);
     return true;
 }

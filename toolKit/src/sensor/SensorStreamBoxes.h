@@ -29,13 +29,12 @@ template <class T> void swapBytes(T& v)
 uint64_t boxBytesAvailable(const MP4::BOX& box, uint64_t fileLength);
 
 // Cuts a sensor box, held in memory, to `count` records starting at record
-// `first` (records of recordSize bytes: 16 for QDTD, 24 for QDTC). The count
-// field is written in the box's byte order, the kept records move to the
-// front of the record area as raw bytes, and the bytes behind them become
-// zero; the box keeps its size. Returns false and leaves the box untouched
-// when the kept records would fill the box exactly or not fit (free space
-// below one byte), or when first + count runs past the records the box
-// declares or holds.
+// `first` (records of recordSize bytes: 16 for QDTD, 24 for QDTC); a cut
+// past the last record keeps those there are. The count field is written in
+// the box's byte order, the kept records move to the front of the record
+// area as raw bytes, and the bytes behind them become zero; the box keeps
+// its size. Returns false and leaves the box untouched when the kept records
+// would fill the box exactly (or it is too small to be a stream).
 bool trimSensorBox(uint8_t* box, uint64_t boxSize, unsigned recordSize, uint32_t first, uint32_t count);
 
 // Finds the first child of the given type in a serialised udta box (header
