@@ -4,6 +4,8 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <mutex>
+#include <sys/stat.h>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -21,6 +23,43 @@ using GLTK::platformLog;
 namespace {
 
 enum OpenResult { Opened, OpenFailed, NoTrack, DecoderFailed };
+
+// The first frame of the file decoded last. A run asks for the same first
+// frame more than once (the source probe, the transcoder, the maker
+// thumbnail of a metadata-only conversion); it is decoded once. The file is
+// known by its identity, size and change time, so a rewritten file is
+// decoded afresh.
+class FirstFrameCache {
+public:
+    ~FirstFrameCache() { av_frame_free(&frame); }
+    // A new reference to the cached frame of the file, or null.
+    AVFrame* find(const std::string& url)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        struct stat st;
+        if (frame == nullptr || ::stat(url.c_str(), &st) != 0 || !same(st))
+            return nullptr;
+        return av_frame_clone(frame);
+    }
+    void keep(const std::string& url, const AVFrame* decoded)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        av_frame_free(&frame);
+        if (::stat(url.c_str(), &file) == 0)
+            frame = av_frame_clone(decoded);
+    }
+
+private:
+    bool same(const struct stat& st) const
+    {
+        return st.st_dev == file.st_dev && st.st_ino == file.st_ino && st.st_size == file.st_size &&
+               st.st_ctim.tv_sec == file.st_ctim.tv_sec && st.st_ctim.tv_nsec == file.st_ctim.tv_nsec;
+    }
+    std::mutex mutex;
+    struct stat file {};
+    AVFrame* frame = nullptr;
+};
+FirstFrameCache firstFrames;
 
 // The FFmpeg layout and range for one of our pixel-format codes.
 bool outputFormat(uint32_t type, AVPixelFormat& format, bool& fullRange)
@@ -437,12 +476,18 @@ bool GLTKVideoReader::describeSource(const std::string& url, GLTK::Size& size, M
             }
         }
     }
+    if (AVFrame* known = firstFrames.find(url)) {
+        size = {known->width, known->height};
+        av_frame_free(&known);
+        return true;
+    }
     int ret = track.decodeNext();
     if (ret <= 0) {
         platformLog("%s: Failed to decode the first frame of %s - %s", method, url.c_str(),
                     ret < 0 ? GLTK::avErrorText(ret).c_str() : "no frame");
         return false;
     }
+    firstFrames.keep(url, track.frame);
     size = {track.frame->width, track.frame->height};
     return true;
 }
@@ -464,12 +509,18 @@ std::unique_ptr<GLTK::VideoFrame> GLTKVideoReader::copyFirstFrame(const std::str
     bool fullRange;
     if (!outputFormat(pixelFormatType, format, fullRange))
         return nullptr;
+    AVFrame* first = firstFrames.find(url);
     Track track;
-    if (track.open(url, AVMEDIA_TYPE_VIDEO, 0) != Opened || track.decodeNext() <= 0)
-        return nullptr;
-    GLTK::Size size = fitSize({track.frame->width, track.frame->height}, maximumSize);
+    if (first == nullptr) {
+        if (track.open(url, AVMEDIA_TYPE_VIDEO, 0) != Opened || track.decodeNext() <= 0)
+            return nullptr;
+        firstFrames.keep(url, track.frame);
+    }
+    const AVFrame* decoded = first != nullptr ? first : track.frame;
+    GLTK::Size size = fitSize({decoded->width, decoded->height}, maximumSize);
     Scaler scaler;
-    AVFrame* frame = scaler.scale(track.frame, size.width, size.height, format, fullRange);
+    AVFrame* frame = scaler.scale(decoded, size.width, size.height, format, fullRange);
+    av_frame_free(&first);
     if (frame == nullptr)
         return nullptr;
     return std::make_unique<GLTK::VideoFrame>(frame);
