@@ -9,7 +9,8 @@
 PACKAGES := cmake g++ make pkg-config python3 \
 	libgtest-dev libbenchmark-dev \
 	libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev \
-	libturbojpeg0-dev ffmpeg libimage-exiftool-perl
+	libturbojpeg0-dev ffmpeg libimage-exiftool-perl \
+	parallel rsync openssh-client
 # Only the fuzzing harnesses need these.
 FUZZ_PACKAGES := clang libclang-rt-14-dev
 BUILD    ?= build
