@@ -20,7 +20,7 @@ SANITIZE_BUILD ?= build-sanitize
 SANITIZE_CTEST ?=
 FUZZ_BUILD   ?= build-fuzz
 FUZZ_SECONDS ?= 60
-# Harnesses to run (all when empty): boxtree makernote avcc sensor gps xml options
+# Harnesses to run (all when empty): boxtree makernote avcc sensor xml options
 FUZZ_HARNESSES ?=
 
 .PHONY: setup build run test sample clean test-sanitize fuzz
