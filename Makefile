@@ -9,7 +9,8 @@
 PACKAGES := cmake g++ make pkg-config python3 \
 	libgtest-dev libbenchmark-dev \
 	libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev \
-	libturbojpeg0-dev ffmpeg libimage-exiftool-perl
+	libturbojpeg0-dev ffmpeg libimage-exiftool-perl \
+	parallel rsync openssh-client
 # Only the fuzzing harnesses need these.
 FUZZ_PACKAGES := clang libclang-rt-14-dev
 BUILD    ?= build
@@ -19,7 +20,7 @@ SANITIZE_BUILD ?= build-sanitize
 SANITIZE_CTEST ?=
 FUZZ_BUILD   ?= build-fuzz
 FUZZ_SECONDS ?= 60
-# Harnesses to run (all when empty): boxtree makernote avcc sensor gps xml options
+# Harnesses to run (all when empty): boxtree makernote avcc sensor xml options
 FUZZ_HARNESSES ?=
 
 .PHONY: setup build run test sample clean test-sanitize fuzz

@@ -1,16 +1,13 @@
-// The Inspect command on small hand-made movies and on files that are not
-// movies: exit status and the lines a user reads.
-#include <gtest/gtest.h>
-
-#include <string>
-
+// The Inspect command on hand-made and synthetic camera movies and on files
+// that are not movies: exit status and the lines a user reads.
 #include "Movies.h"
 #include "SensorBoxBytes.h"
-#include "TestSupport.h"
 
-namespace {
+#include <gtest/gtest.h>
 
 using namespace testsupport;
+
+namespace {
 
 int inspect(const fs::path& file, std::string& out)
 {
@@ -23,7 +20,7 @@ void expectLines(const std::string& out, std::initializer_list<std::string> line
         EXPECT_NE(out.find(line), std::string::npos) << line << " in\n" << out;
 }
 
-TEST(Inspect, ShowsBoxesPositionAndSensorStreams)
+TEST(Inspect, HandMadeMoviesShowTheirBoxesPositionAndSensorStreams)
 {
     TempDir dir;
     const Order B = Order::Big;
@@ -43,29 +40,25 @@ TEST(Inspect, ShowsBoxesPositionAndSensorStreams)
                       "QDTC: records=2 extra=7 order=big-endian t=100..300 span=200\n",
                       // Gravity along the camera's +y once its axes are exchanged: upside down.
                       "rev-up/down: [P]200000.000000, [N]:0.000000 -> Y\n", "samples: 2\n"});
+    // A sensor box claiming more records than it holds is reported, the rest shown.
+    writeFile(dir / "broken.mp4", movieWithUdta(sensorBox("QDTD", 16, 0x10000000, gravityRecord(1, 2, 3, 4))));
+    ASSERT_EQ(inspect(dir / "broken.mp4", out), 0) << out;
+    expectLines(out, {"QDTD: records=0 extra=0 order=little-endian\n", "QDTC/QDTD is not enough size.\n"});
 }
 
 TEST(Inspect, CameraMovieShowsMakerNoteViewAndEveryStream)
 {
     std::string out;
     ASSERT_EQ(inspect(sharedMovie("--sph-heading 30 --sensor-endian big"), out), 0) << out;
-    expectLines(out, {"source movie model: NARVI ORVEX C1 (20001)\n", "H.264 detected.\n",
-                      "frame: 960x480 at 30.000 fps\n", "projectionType: 1\n",
-                      "zenith: roll 1.500000, pitch -2.250000\n", "heading: 30\n", " profile_idc=", "samples: 60\n"});
+    expectLines(out, {"source movie model: NARVI ORVEX C1 (20001)\n", "H.264 detected.\n", " profile_idc=",
+                      "frame: 960x480 at 30.000 fps\n", "model: NARVI ORVEX C1\n", "software: 1.20.2\n",
+                      "maker texts: [ORVEX-MN] [SN00112233]\n", "projectionType: 1\n",
+                      "zenith: roll 1.500000, pitch -2.250000\n", "compass: 123.400002, heading: 123.400002\n",
+                      "videoStabilization: 1 (yaw 1, lock direction 0, image stabilization 1)\n",
+                      "stitching: image centre 1920,1440, movie centre 960,720, sampling rate 1.500000\n",
+                      "heading: 30\n", "samples: 60\n"});
     for (const char* type : {"QDTB", "QDTC", "QDTD", "QDTG", "QDTI"})
         expectLines(out, {std::string(type) + ": records=60 extra=30 order=big-endian"});
-}
-
-TEST(Inspect, BrokenSensorBoxIsReportedAndTheRestShown)
-{
-    TempDir dir;
-    writeFile(dir / "movie.mp4", movieWithUdta(sensorBox("QDTD", 16, 0x10000000, gravityRecord(1, 2, 3, 4))));
-    std::string out;
-    ASSERT_EQ(inspect(dir / "movie.mp4", out), 0) << out;
-    expectLines(out, {"QDTD: records=0 extra=0 order=little-endian\n", "QDTC/QDTD is not enough size.\n"});
-    writeFile(dir / "ftyp-only.mp4", box("ftyp", cat({text("isom"), Bytes{0, 0, 2, 0}, text("isom")})));
-    EXPECT_EQ(inspect(dir / "ftyp-only.mp4", out), 0) << out;
-    expectLines(out, {"no sensor streams.\n"});
 }
 
 TEST(Inspect, RefusesWhatIsNotAMovie)
@@ -73,21 +66,21 @@ TEST(Inspect, RefusesWhatIsNotAMovie)
     TempDir dir;
     writeFile(dir / "notes.txt", text("hello, this is not a movie at all\n"));
     writeFile(dir / "empty.mp4", {});
-    struct Case {
-        fs::path file;
-        const char* line;
-    } cases[] = {{dir / "missing.mp4", "missing.mp4: no such file.\n"},
-                 {dir.path(), "is a directory, not a movie.\n"},
-                 {dir / "notes.txt", "notes.txt: not an MP4 file.\n"},
-                 {dir / "empty.mp4", "empty.mp4: not an MP4 file.\n"}};
+    writeFile(dir / "ftyp-only.mp4", box("ftyp", cat({text("isom"), Bytes{0, 0, 2, 0}, text("isom")})));
+    const std::pair<fs::path, const char*> cases[] = {{dir / "missing.mp4", "missing.mp4: no such file.\n"},
+                                                      {dir.path(), "is a directory, not a movie.\n"},
+                                                      {dir / "notes.txt", "notes.txt: not an MP4 file.\n"},
+                                                      {dir / "empty.mp4", "empty.mp4: not an MP4 file.\n"}};
     std::string out;
-    for (const Case& c : cases) {
-        EXPECT_EQ(inspect(c.file, out), 1) << c.file;
-        expectLines(out, {c.line});
+    for (const auto& [file, line] : cases) {
+        EXPECT_EQ(inspect(file, out), 1) << file;
+        expectLines(out, {line});
         EXPECT_EQ(out.find("== box tree =="), std::string::npos) << out;
     }
     EXPECT_EQ(run(q(binaryDir() / "bin" / "Inspect"), &out), 1);
     expectLines(out, {"usage: Inspect movie.mp4\n"});
+    EXPECT_EQ(inspect(dir / "ftyp-only.mp4", out), 0) << out; // a movie, if an empty one
+    expectLines(out, {"no sensor streams.\n"});
 }
 
 } // namespace

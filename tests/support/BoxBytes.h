@@ -15,7 +15,6 @@ inline void addBE(Bytes& b, uint64_t v, int n)
     for (int i = n - 1; i >= 0; --i)
         b.push_back(uint8_t(v >> 8 * i));
 }
-inline void add16(Bytes& b, uint16_t v) { addBE(b, v, 2); }
 inline void add32(Bytes& b, uint32_t v) { addBE(b, v, 4); }
 inline void add64(Bytes& b, uint64_t v) { addBE(b, v, 8); }
 inline Bytes cat(std::initializer_list<Bytes> parts)

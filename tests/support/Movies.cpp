@@ -1,11 +1,7 @@
 #include "Movies.h"
 
-#include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <functional>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -13,25 +9,7 @@ namespace testsupport {
 
 namespace {
 
-fs::path fixtureDir() { return sourceDir() / "tests" / "fixtures"; }
-
-fs::path cacheDir()
-{
-    const char* env = std::getenv("RESIZE_FIXTURE_CACHE");
-    return env != nullptr && *env != '\0' ? fs::path(env) : binaryDir() / "fixture-cache";
-}
-
-// The builder caches its ffmpeg output in the build tree of the tests that
-// call it, unless the caller chose a folder.
-std::string withCache() { return "RESIZE_FIXTURE_CACHE=" + q(cacheDir()) + " "; }
-
-std::string fileText(const fs::path& p)
-{
-    std::ifstream f(p, std::ios::binary);
-    std::ostringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
+fs::path fixture(const char* name) { return sourceDir() / "tests" / "fixtures" / name; }
 
 bool check(const std::string& args, std::string* why)
 {
@@ -44,32 +22,29 @@ bool check(const std::string& args, std::string* why)
 
 } // namespace
 
-fs::path makeMovie(const fs::path& out, const std::string& options)
+fs::path sharedMovie(const std::string& options)
 {
+    // Named by the options and by the builder's own source, so that a change
+    // of the builder makes new movies. The builder keeps its ffmpeg output
+    // in the same folder.
+    const char* env = std::getenv("RESIZE_FIXTURE_CACHE");
+    const fs::path dir = env != nullptr && *env != '\0' ? fs::path(env) : binaryDir() / "fixture-cache";
+    const std::vector<uint8_t> builder = readFile(fixture("make_movie.py"));
+    const std::string key = options + '\n' + std::string(builder.begin(), builder.end());
+    const fs::path path = dir / ("movie-" + std::to_string(std::hash<std::string>{}(key)) + ".mp4");
+    if (fs::exists(path))
+        return path;
+    fs::create_directories(dir);
+    const fs::path tmp = dir / (".tmp-" + std::to_string(getpid()) + "-" + path.filename().string());
     std::string text;
-    int status = run(withCache() + "python3 " + q(fixtureDir() / "make_movie.py") + " " + options + " --out " + q(out), &text);
-    if (status != 0 || !fs::exists(out)) {
+    int status = run("RESIZE_FIXTURE_CACHE=" + q(dir) + " python3 " + q(fixture("make_movie.py")) + " " + options +
+                         " --out " + q(tmp),
+                     &text);
+    if (status != 0 || !fs::exists(tmp)) {
         ADD_FAILURE() << "make_movie.py " << options << " failed with status " << status << ":\n" << text;
         throw std::runtime_error("make_movie.py failed: " + text);
     }
-    return out;
-}
-
-fs::path sharedMovie(const std::string& options)
-{
-    // Keyed by the options and by the builder's own source, so that a change
-    // of the builder makes new movies.
-    std::string key = options + '\n' + fileText(fixtureDir() / "make_movie.py") + fileText(fixtureDir() / "mp4box.py");
-    char name[64];
-    std::snprintf(name, sizeof(name), "movie-%016zx.mp4", std::hash<std::string>{}(key));
-    fs::path dir = cacheDir();
-    fs::create_directories(dir);
-    fs::path path = dir / name;
-    if (!fs::exists(path)) {
-        fs::path tmp = dir / (std::string(".tmp-") + std::to_string(getpid()) + "-" + name);
-        makeMovie(tmp, options);
-        fs::rename(tmp, path);
-    }
+    fs::rename(tmp, path);
     return path;
 }
 
@@ -81,7 +56,7 @@ fs::path copyMovie(const std::string& options, const fs::path& out)
 
 int mp4check(const std::string& args, std::string* out)
 {
-    return run("python3 " + q(fixtureDir() / "mp4check.py") + " " + args, out);
+    return run("python3 " + q(fixture("mp4check.py")) + " " + args, out);
 }
 
 bool samplesEqual(const fs::path& a, const fs::path& b, std::string* why)
@@ -93,21 +68,12 @@ bool nestingOk(const fs::path& file, std::string* why) { return check("nesting "
 
 bool offsetsOk(const fs::path& file, std::string* why) { return check("offsets " + q(file), why); }
 
-std::string boxTree(const fs::path& file)
-{
-    std::string out;
-    mp4check("tree " + q(file), &out);
-    return out;
-}
-
 bool boxPayload(const fs::path& file, const std::string& path, std::vector<uint8_t>& out)
 {
     std::string text;
-    out.clear();
-    if (mp4check("get --raw " + q(file) + " " + q(path), &text) != 0)
-        return false;
-    out.assign(text.begin(), text.end());
-    return true;
+    bool found = mp4check("get --raw " + q(file) + " " + q(path), &text) == 0;
+    out.assign(text.begin(), found ? text.end() : text.begin());
+    return found;
 }
 
 bool decodesCleanly(const fs::path& file, std::string* why)

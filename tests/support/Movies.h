@@ -11,14 +11,10 @@
 
 namespace testsupport {
 
-// Builds a movie at out with make_movie.py options, for example
-// "--model older --layout moov-first". When the builder fails the running
-// test fails with its output and std::runtime_error is thrown. Returns out.
-fs::path makeMovie(const fs::path& out, const std::string& options = "");
-
-// A movie built once per option text and kept in the fixture cache, so that
-// tests asking for the same movie share it. Never edit it: copy it first
-// (copyMovie) when a test changes the file.
+// A movie built once per make_movie.py option text ("--model older
+// --layout moov-first") and kept in the fixture cache, so that tests asking
+// for the same movie share it. Never edit it: copy it first (copyMovie) when
+// a test changes the file. A failing build fails the test and throws.
 fs::path sharedMovie(const std::string& options = "");
 fs::path copyMovie(const std::string& options, const fs::path& out);
 
@@ -37,10 +33,6 @@ bool nestingOk(const fs::path& file, std::string* why = nullptr);
 // Every chunk of every track lies inside an mdat payload, every spatial-audio
 // chunk inside the QADT payload, and a QDT9 box points at the QADT box.
 bool offsetsOk(const fs::path& file, std::string* why = nullptr);
-
-// The box tree, one box a line: indent, type, "@offset size=N" (and
-// " largesize", " uuid=hex" where they apply).
-std::string boxTree(const fs::path& file);
 
 // Payload of the first box at a dotted path ("moov.udta.QMKN"; a segment
 // "uuid=HEX" picks a uuid box by user type and the payload then starts after

@@ -1,12 +1,13 @@
 #pragma once
 // Builds the camera's sensor-stream boxes (QDTx in moov.udta) in tests: a
-// 16-byte stream header and fixed-size records, in either byte order.
+// 16-byte stream header and fixed-size records, in either byte order; and a
+// minimal movie around them.
 #include "BoxBytes.h"
 #include "GLTKwchar.h"
 #include "MP4Container.h"
 #include "TestSupport.h"
 
-#include <cstring>
+#include <bit>
 #include <gtest/gtest.h>
 
 namespace testsupport {
@@ -20,12 +21,6 @@ inline void put(Bytes& b, uint64_t v, int n, Order o)
     for (int i = 0; i < n; ++i)
         b.push_back(uint8_t(v >> 8 * (o == Order::Big ? n - 1 - i : i)));
 }
-inline uint32_t floatBits(float f)
-{
-    uint32_t u;
-    std::memcpy(&u, &f, 4);
-    return u;
-}
 // A record: fields of the given width, the reserved bytes as given, then
 // the 64-bit time.
 inline Bytes record(int width, std::initializer_list<uint32_t> fields, const Bytes& reserved, uint64_t t, Order o)
@@ -37,27 +32,24 @@ inline Bytes record(int width, std::initializer_list<uint32_t> fields, const Byt
     put(b, t, 8, o);
     return b;
 }
-// QDTD: gravity x, y, z (16 bits), 2 reserved (0xAA 0xBB), time.
+// QDTD: gravity x, y, z (16 bits), 2 reserved, time.
 inline Bytes gravityRecord(int16_t x, int16_t y, int16_t z, uint64_t t, Order o = Order::Little)
 {
     return record(2, {uint16_t(x), uint16_t(y), uint16_t(z)}, {0xAA, 0xBB}, t, o);
 }
-// QDTB / QDTC: x, y, z (32 bits), 4 reserved (0xA1 .. 0xA4), time.
+// QDTB / QDTC: x, y, z (32 bits), 4 reserved, time.
 inline Bytes xyzRecord(uint32_t x, uint32_t y, uint32_t z, uint64_t t, Order o = Order::Little)
 {
     return record(4, {x, y, z}, {0xA1, 0xA2, 0xA3, 0xA4}, t, o);
 }
 inline Bytes compassRecord(float x, float y, float z, uint64_t t, Order o = Order::Little)
 {
-    return xyzRecord(floatBits(x), floatBits(y), floatBits(z), t, o);
+    return xyzRecord(std::bit_cast<uint32_t>(x), std::bit_cast<uint32_t>(y), std::bit_cast<uint32_t>(z), t, o);
 }
-// QDTH / QDTI: w, x, y, z (floats), time.
-inline Bytes quaternionRecord(float w, float x, float y, float z, uint64_t t, Order o = Order::Little)
-{
-    return record(4, {floatBits(w), floatBits(x), floatBits(y), floatBits(z)}, {}, t, o);
-}
+// QDTI: the quaternion w, x, y, z (floats), time.
+inline Bytes yawRecord(float w, uint64_t t) { return record(4, {std::bit_cast<uint32_t>(w), 0, 0, 0}, {}, t, Order::Little); }
 // QDTG: one time.
-inline Bytes timeRecord(uint64_t t, Order o = Order::Little) { return record(4, {}, {}, t, o); }
+inline Bytes timeRecord(uint64_t t) { return record(4, {}, {}, t, Order::Little); }
 
 // The box: count, extra, unitSize, mark, 6 reserved, then the records.
 inline Bytes sensorBox(const std::string& type, uint16_t unitSize, uint32_t count, const Bytes& records,
@@ -82,13 +74,12 @@ inline Bytes sensorBox(const std::string& type, uint16_t unitSize, const Bytes& 
 // given.
 inline Bytes movieWithUdta(const Bytes& udtaChildren)
 {
-    Bytes ftyp = text("isom"), mvhd;
-    add32(ftyp, 0x200);
-    for (uint32_t v : {0, 0, 1000, 2000}) // creation, modification, time scale, duration
+    Bytes mvhd;
+    for (uint32_t v : {0, 0, 0, 1000, 2000}) // version and flags, creation, modification, time scale, duration
         add32(mvhd, v);
     mvhd.resize(mvhd.size() + 80, 0);
-    return cat({box("ftyp", cat({ftyp, text("isomavc1")})),
-                box("moov", cat({fullbox("mvhd", 0, mvhd), box("udta", udtaChildren)}))});
+    return cat({box("ftyp", cat({text("isom"), {0, 0, 2, 0}, text("isomavc1")})),
+                box("moov", cat({box("mvhd", mvhd), box("udta", udtaChildren)}))});
 }
 
 // movieWithUdta written to a temporary folder and attached.

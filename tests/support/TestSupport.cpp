@@ -1,9 +1,10 @@
 #include "TestSupport.h"
 
-#include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
-#include <random>
+#include <gtest/gtest.h>
+#include <iterator>
 #include <stdexcept>
 #include <sys/wait.h>
 
@@ -11,16 +12,10 @@ namespace testsupport {
 
 TempDir::TempDir()
 {
-    std::random_device rd;
-    fs::path base = fs::temp_directory_path();
-    for (int i = 0; i < 100; ++i) {
-        fs::path p = base / ("resize-test-" + std::to_string(rd()));
-        if (fs::create_directory(p)) {
-            dir = p;
-            return;
-        }
-    }
-    throw std::runtime_error("cannot make a temporary folder");
+    std::string name = (fs::temp_directory_path() / "resize-test-XXXXXX").string();
+    if (mkdtemp(name.data()) == nullptr)
+        throw std::runtime_error("cannot make a temporary folder");
+    dir = name;
 }
 
 TempDir::~TempDir()
@@ -32,26 +27,24 @@ TempDir::~TempDir()
 std::vector<uint8_t> readFile(const fs::path& p)
 {
     std::ifstream f(p, std::ios::binary);
-    return std::vector<uint8_t>((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
 
 void writeFile(const fs::path& p, const std::vector<uint8_t>& bytes)
 {
-    std::ofstream f(p, std::ios::binary | std::ios::trunc);
-    f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(p, std::ios::binary | std::ios::trunc)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
 int run(const std::string& command, std::string* out)
 {
-    std::string cmd = command + " 2>&1";
-    FILE* pipe = popen(cmd.c_str(), "r");
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
     if (pipe == nullptr)
         return -1;
-    std::array<char, 4096> buf;
     std::string text;
-    size_t n;
-    while ((n = fread(buf.data(), 1, buf.size(), pipe)) > 0)
-        text.append(buf.data(), n);
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, pipe)) > 0;)
+        text.append(buf, n);
     int status = pclose(pipe);
     if (out != nullptr)
         *out = text;
@@ -60,18 +53,20 @@ int run(const std::string& command, std::string* out)
 
 std::string q(const fs::path& p)
 {
-    std::string s = p.string();
     std::string r = "'";
-    for (char c : s) {
-        if (c == '\'')
-            r += "'\\''";
-        else
-            r += c;
-    }
+    for (char c : p.string())
+        r += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return r + "'";
 }
 
 fs::path sourceDir() { return RESIZE_SOURCE_DIR; }
 fs::path binaryDir() { return RESIZE_BINARY_DIR; }
+
+std::string printedBy(const std::function<void()>& f)
+{
+    testing::internal::CaptureStdout();
+    f();
+    return testing::internal::GetCapturedStdout();
+}
 
 } // namespace testsupport

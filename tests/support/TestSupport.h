@@ -1,8 +1,9 @@
 #pragma once
-// Helpers shared by the tests: a scratch folder per test, file comparison,
-// running external tools, and the synthetic camera movies.
+// Helpers shared by the tests: a scratch folder per test, files as bytes,
+// running external tools, and what a call printed.
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -36,5 +37,8 @@ std::string q(const fs::path& p);
 
 fs::path sourceDir();
 fs::path binaryDir();
+
+// What f printed on standard output.
+std::string printedBy(const std::function<void()>& f);
 
 } // namespace testsupport

@@ -36,45 +36,6 @@ bool trimSensorBox(uint8_t* box, uint64_t boxSize, unsigned recordSize, uint32_t
     return true;
 }
 
-bool trimSensorBoxIn(ByteArray& udta, const char* type, unsigned recordSize, uint32_t first, uint32_t count)
-{
-    if (udta.length < 8 || type == nullptr || std::strlen(type) < 4)
-        return false;
-    uint64_t end = be32(udta.data);
-    uint64_t at = 8;
-    if (end == 1) {
-        if (udta.length < 16)
-            return false;
-        end = be64(udta.data + 8);
-        at = 16;
-    } else if (end == 0) {
-        end = udta.length;
-    }
-    end = std::min(end, udta.length);
-    while (at + 8 <= end) {
-        const uint8_t* h = udta.data + at;
-        uint64_t size = be32(h);
-        uint64_t header = 8;
-        if (size == 1) {
-            if (at + 16 > end)
-                return false;
-            size = be64(h + 8);
-            header = 16;
-        } else if (size == 0) {
-            size = end - at;
-        }
-        if (size < header || size > end - at)
-            return false; // a child running past its parent ends the walk
-        if (std::memcmp(h + 4, type, 4) == 0) {
-            // The stream header sits behind an 8-byte box header; a 64-bit
-            // header is not a sensor box this code knows.
-            return header == 8 && trimSensorBox(udta.data + at, size, recordSize, first, count);
-        }
-        at += size;
-    }
-    return false;
-}
-
 } // namespace SensorStream
 
 using A = AccelSensorStreamEmbed;

@@ -37,9 +37,4 @@ uint64_t boxBytesAvailable(const MP4::BOX& box, uint64_t fileLength);
 // would fill the box exactly (or it is too small to be a stream).
 bool trimSensorBox(uint8_t* box, uint64_t boxSize, unsigned recordSize, uint32_t first, uint32_t count);
 
-// Finds the first child of the given type in a serialised udta box (header
-// included) and trims it as above; false when there is none or it is left
-// untouched. Sizes are checked against the buffer.
-bool trimSensorBoxIn(ByteArray& udta, const char* type, unsigned recordSize, uint32_t first, uint32_t count);
-
 } // namespace SensorStream
