@@ -64,21 +64,32 @@ median() { # NAME FIELD (1 wall, 2 cpu, 3 peak KiB, 4 bytes written)
     sort -g -k"$2","$2" "$1.runs" | awk -v f="$2" '{ v[NR] = $f } END { print v[int((NR + 1) / 2)] }'
 }
 
+minimum() { sort -g -k"$2","$2" "$1.runs" | head -1 | cut -d' ' -f"$2"; }
+
 echo "== $RUNS run(s) each, alternating; load average $(cut -d' ' -f1-3 /proc/loadavg)"
 printf '\n| Movie | Size | cp | Resize | Ratio | Resize peak RSS | Written / output size |\n|---|---|---|---|---|---|---|\n'
 for model in older newer; do
     rm -f "$model-resize.runs" "$model-cp.runs"
-    cat "$model.mp4" >/dev/null # both start from a warm page cache
-    for i in $(seq "$RUNS"); do
+    # Each run starts from the same state: the source read into the page
+    # cache, and no dirty pages of an earlier run still being written back
+    # (which would slow whichever run came next).
+    settle() {
         rm -f out.mp4 copy.mp4
+        sync
+        cat "$model.mp4" >/dev/null
+    }
+    for i in $(seq "$RUNS"); do
+        settle
         run "$model-cp" cp "$model.mp4" copy.mp4
+        settle
         run "$model-resize" "$RESIZE" "$model.mp4" out.mp4
     done
-    size=$(stat -c %s out.mp4)
-    c=$(median "$model-cp" 1); r=$(median "$model-resize" 1)
-    awk -v m="$model" -v s="$(stat -c %s "$model.mp4")" -v c="$c" -v r="$r" -v p="$(median "$model-resize" 3)" \
-        -v w="$(median "$model-resize" 4)" -v o="$size" 'BEGIN {
-        printf "| %s camera | %.0f MiB | %.3f s | %.3f s | %.2f | %.1f MiB | %.3f |\n",
-            m, s / 1048576, c, r, r / c, p / 1024, w / o }'
+    awk -v m="$model" -v s="$(stat -c %s "$model.mp4")" -v c="$(median "$model-cp" 1)" -v r="$(median "$model-resize" 1)" \
+        -v cm="$(minimum "$model-cp" 1)" -v rm="$(minimum "$model-resize" 1)" -v p="$(median "$model-resize" 3)" \
+        -v w="$(median "$model-resize" 4)" -v o="$(stat -c %s out.mp4)" 'BEGIN {
+        printf "| %s camera | %.0f MiB | %.3f s (best %.3f) | %.3f s (best %.3f) | %.2f (best %.2f) | %.1f MiB | %.3f |\n",
+            m, s / 1048576, c, cm, r, rm, r / c, rm / cm, p / 1024, w / o }'
 done
+echo
+echo "cp median, then Resize median, over $RUNS alternating runs; best: the fastest run of each."
 rm -f out.mp4 copy.mp4

@@ -118,7 +118,7 @@ TEST(MetaE2EOlder, MediaFirstMovieWithEveryBoxGetsMoovFirstAndKeepsItsMetadata)
     expectSound(r);
     EXPECT_EQ(probe(spare / "thumb.jpg", "v:0", "stream=codec_name,width,height"), "mjpeg\n960\n480");
     EXPECT_TRUE(decodesCleanly(spare / "thumb.jpg"));
-    EXPECT_EQ(topLevel(r.after), "ftyp free moov mdat uuid uuid");
+    EXPECT_EQ(topLevel(r.after), "ftyp free moov free mdat uuid uuid");
     // The source's XMP has a position, so it is kept as it was; so are the
     // axis record and the camera's own udta boxes. The rebuild adds the
     // ISO 6709 text box beside @xyz.
@@ -137,7 +137,7 @@ TEST(MetaE2EOlder, MoovFirstMovieWithoutOptionalBoxesGetsNewMetadata)
 {
     Conversion r(kOlderBare, "", "out/\xE6\x97\xA5\xE6\x9C\xAC-caf\xC3\xA9.mp4"); // an output name beyond ASCII
     expectSound(r); // also: the damaged loci box no longer stops ffmpeg
-    EXPECT_EQ(topLevel(r.after), "ftyp moov mdat uuid");
+    EXPECT_EQ(topLevel(r.after), "ftyp moov free mdat uuid");
     EXPECT_EQ(creationTimes(r.after).at(0), 1564048800u + 2082844800u);
     EXPECT_NE(r.text.find("Appned New GVF-BOX.\n"), std::string::npos) << r.text;
     // A new XMP packet from the position of @xyz, not re-encoded.
@@ -160,7 +160,7 @@ TEST(MetaE2EOlder, BoxBetweenMdatAndMoovDoesNotThrowTheChunkOffsetsOff)
     // the media data moves by more than moov's size.
     Conversion r("--model older --spatial after-mdat");
     expectSound(r); // also the spatial chunks and the QDT9 pointer
-    EXPECT_EQ(topLevel(r.after), "ftyp free spatial moov mdat uuid uuid");
+    EXPECT_EQ(topLevel(r.after), "ftyp free spatial moov free mdat uuid uuid");
 }
 
 TEST(MetaE2ENewer, RecordedLayoutKeepsItsUdtaWithAnEquirectangularMakerNoteAndNewThumbnail)
@@ -229,7 +229,7 @@ TEST(MetaE2ENewer, MoovFirstLayoutIsConvertedWithItsSpatialData)
 {
     Conversion r("--model newer --layout moov-first");
     expectSound(r); // the spatial-audio samples, chunks and QDT9 included
-    EXPECT_EQ(topLevel(r.after), "ftyp moov mdat spatial uuid uuid");
+    EXPECT_EQ(topLevel(r.after), "ftyp moov free mdat spatial uuid uuid");
     expectOnlyProjectionCorrected(r.source, r.output);
 }
 

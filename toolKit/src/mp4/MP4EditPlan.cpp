@@ -18,6 +18,8 @@ namespace {
 // Offset tables are read into memory for the remap; a table beyond this is
 // not something a camera or an encoder writes.
 constexpr uint64_t kMaxOffsetBytes = 256ull << 20;
+// The file-system block size the media data's offset is kept aligned to.
+constexpr uint64_t kBlock = 4096;
 // Bytes of the movie that an edit in place may hold while they move.
 constexpr uint64_t kMaxMovedInPlace = 32ull << 20;
 
@@ -282,6 +284,14 @@ void EditPlan::layout()
     for (const BOX* box : top) {
         const uint64_t end = box->clippedEnd(length);
         uint64_t pos = box->start;
+        // Media data that moves keeps its offset within a file-system block:
+        // the kernel then copies it block for block (and a file system that
+        // shares blocks between files shares them instead of copying). A
+        // free box in front of it takes up the difference.
+        if (box->is("mdat") && out % kBlock != box->start % kBlock) {
+            uint64_t pad = (box->start % kBlock + kBlock - out % kBlock) % kBlock;
+            put(bytes(makeFreeBox(pad < 8 ? pad + kBlock : pad)));
+        }
         for (const Splice* s : order) {
             if (s->top != box)
                 continue;
