@@ -5,22 +5,29 @@
 
 namespace MP4 {
 
+namespace {
+
+// The times that mvhd and mdhd share after their full-box header: creation,
+// modification, time scale and duration, 32-bit in version 0, 64-bit (but
+// the time scale) in version 1.
+void readTimes(BinFile& file, uint8_t version, uint64_t& creation, uint64_t& modification, uint32_t& timeScale,
+               uint64_t& duration)
+{
+    const bool wide = version == 1;
+    creation = wide ? file.read64() : file.read32();
+    modification = wide ? file.read64() : file.read32();
+    timeScale = file.read32();
+    duration = wide ? file.read64() : file.read32();
+}
+
+} // namespace
+
 void MVHD::parseBox(BinFile& file, uint64_t end)
 {
     file.limit = std::min(start + size, end);
     version = file.read8();
     file.read24();
-    if (version == 1) {
-        creationTime = file.read64();
-        modificationTime = file.read64();
-        timeScale = file.read32();
-        duration = file.read64();
-    } else {
-        creationTime = file.read32();
-        modificationTime = file.read32();
-        timeScale = file.read32();
-        duration = file.read32();
-    }
+    readTimes(file, version, creationTime, modificationTime, timeScale, duration);
 }
 
 void TKHD::parseBox(BinFile& file, uint64_t end)
@@ -56,17 +63,7 @@ void MDHD::parseBox(BinFile& file, uint64_t end)
     file.limit = std::min(start + size, end);
     version = file.read8();
     flags = file.read24();
-    if (version == 1) {
-        creationTime = file.read64();
-        modificationTime = file.read64();
-        timeScale = file.read32();
-        duration = file.read64();
-    } else {
-        creationTime = file.read32();
-        modificationTime = file.read32();
-        timeScale = file.read32();
-        duration = file.read32();
-    }
+    readTimes(file, version, creationTime, modificationTime, timeScale, duration);
     language = file.read16();
     preDefined = file.read16();
 }
