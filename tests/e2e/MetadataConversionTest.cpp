@@ -223,6 +223,13 @@ TEST(MetaE2ENewer, LittleEndianMakerNoteIsCorrectedToo)
     expectOnlyProjectionCorrected(r.source, r.output, false);
 }
 
+TEST(MetaE2ENewer, HevcMovieGetsSphericalV2InItsHvc1Entry)
+{
+    Conversion r("--model newer --codec h265");
+    expectSound(r); // V1 and V2 agree
+    EXPECT_EQ(findAll(r.after, "moov.trak.mdia.minf.stbl.stsd.hvc1.sv3d").size(), 1u);
+}
+
 // Another tool put moov first: growing moov moves the media data and the
 // spatial data behind it, and every chunk offset and QDT9 follow.
 TEST(MetaE2ENewer, MoovFirstLayoutIsConvertedWithItsSpatialData)

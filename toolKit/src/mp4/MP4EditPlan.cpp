@@ -307,6 +307,12 @@ void EditPlan::layout()
     for (const Piece& p : appended)
         put(p);
     total = out;
+    spans.assign(inputs.size(), {});
+    for (const Placed& p : placed)
+        if (!p.piece.bytes)
+            spans[p.piece.file].push_back({p.piece.start, p.out});
+    for (auto& list : spans)
+        std::sort(list.begin(), list.end(), [](const Span& a, const Span& b) { return a.start < b.start; });
 }
 
 uint64_t EditPlan::map(unsigned file, uint64_t offset) const
@@ -314,21 +320,12 @@ uint64_t EditPlan::map(unsigned file, uint64_t offset) const
     // The placed range of the file that holds the offset, or the nearest
     // one before it: an offset into bytes that are not carried (a chunk
     // offset past the end, say) keeps its distance to the bytes before it.
-    const Placed* best = nullptr;
-    const Placed* firstOne = nullptr;
-    for (const Placed& p : placed) {
-        if (p.piece.bytes || p.piece.file != file)
-            continue;
-        if (firstOne == nullptr || p.piece.start < firstOne->piece.start)
-            firstOne = &p;
-        if (p.piece.start <= offset && (best == nullptr || p.piece.start > best->piece.start))
-            best = &p;
-    }
-    if (best == nullptr)
-        best = firstOne;
-    if (best == nullptr)
+    if (file >= spans.size() || spans[file].empty())
         return offset;
-    return offset - best->piece.start + best->out;
+    const std::vector<Span>& s = spans[file];
+    auto after = std::upper_bound(s.begin(), s.end(), offset, [](uint64_t x, const Span& r) { return x < r.start; });
+    const Span& r = after == s.begin() ? s.front() : *std::prev(after);
+    return offset - r.start + r.out;
 }
 
 // Where the whole of [at, at + n) of an input is carried into the output.

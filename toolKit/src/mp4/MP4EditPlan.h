@@ -138,6 +138,11 @@ private:
     std::map<const BOX*, int64_t> deltas;
     std::vector<std::pair<Position, ByteArray>> patches;
     std::vector<Placed> placed;
+    // Where each placed input range starts, in and out, by input.
+    struct Span {
+        uint64_t start, out;
+    };
+    std::vector<std::vector<Span>> spans;
     uint64_t total = 0;
     unsigned nextSeq = 0;
 };
