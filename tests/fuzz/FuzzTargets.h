@@ -62,7 +62,6 @@ inline int boxTree(const uint8_t* data, size_t size)
     MP4::Container c;
     attach(c, Bytes(data, data + size));
     c.dump();
-    (void)c.isMdatFirst();
     for (const char* p : {"moov.trak.mdia.minf.stbl.stsd.avc1.avcC", "moov.trak.mdia.minf.stbl.stco",
                           "moov.trak.mdia.minf.stbl.co64", "moov.udta", "moov.meta", "uuid.QATR.mdia.minf.stbl.stsz"})
         c.find(p, [](MP4::BOX&) { return true; });

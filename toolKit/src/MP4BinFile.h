@@ -50,19 +50,6 @@ public:
         return true;
     }
 
-    bool write8(uint8_t v) { return write(&v, 1) == 1; }
-    bool write16(uint16_t v)
-    {
-        uint8_t b[2] = {uint8_t(v >> 8), uint8_t(v)};
-        return write(b, 2) == 2;
-    }
-    bool write32(uint32_t v)
-    {
-        uint8_t b[4] = {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)};
-        return write(b, 4) == 4;
-    }
-    bool write64(uint64_t v) { return write32(uint32_t(v >> 32)) && write32(uint32_t(v)); }
-
 private:
     uint64_t readN(unsigned n)
     {

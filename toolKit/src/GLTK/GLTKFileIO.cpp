@@ -189,16 +189,6 @@ bool FileIO::open(const std::wstring& path, const std::function<void(FileIO&)>& 
     return openWith(path, 'r', action);
 }
 
-bool FileIO::open_w(const std::wstring& path, const std::function<void(FileIO&)>& action)
-{
-    return openWith(path, 'w', action);
-}
-
-bool FileIO::open_a(const std::wstring& path, const std::function<void(FileIO&)>& action)
-{
-    return openWith(path, 'a', action);
-}
-
 bool FileIO::rename(const std::wstring& from, const std::wstring& to)
 {
     return ::rename(toNative(from).c_str(), toNative(to).c_str()) == 0;
@@ -207,11 +197,6 @@ bool FileIO::rename(const std::wstring& from, const std::wstring& to)
 bool FileIO::unlink(const std::wstring& path)
 {
     return ::unlink(toNative(path).c_str()) == 0;
-}
-
-bool FileIO::exist(const std::wstring& path)
-{
-    return open(path, [](FileIO&) {});
 }
 
 } // namespace GLTK

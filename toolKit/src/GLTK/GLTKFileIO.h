@@ -30,11 +30,8 @@ public:
     uint64_t copyTo(FileIO& destination, uint64_t count);
 
     static bool open(const std::wstring& path, const std::function<void(FileIO&)>& action);
-    static bool open_w(const std::wstring& path, const std::function<void(FileIO&)>& action);
-    static bool open_a(const std::wstring& path, const std::function<void(FileIO&)>& action);
     static bool rename(const std::wstring& from, const std::wstring& to);
     static bool unlink(const std::wstring& path);
-    static bool exist(const std::wstring& path);
 
     // The multibyte form of a path, cut at 2048 bytes.
     static std::string toNative(const std::wstring& path);

@@ -111,12 +111,6 @@ void NestedBox::find(const char* path, const std::function<bool(BOX&)>& visit) c
     }
 }
 
-void NestedBox::if_not_found(const char* path, const std::function<void()>& action) const
-{
-    if (first(path) == nullptr)
-        action();
-}
-
 BOX* NestedBox::first(const char* path) const
 {
     // An inner search that stops does not stop the outer levels, so keep the

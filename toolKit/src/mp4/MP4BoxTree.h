@@ -86,7 +86,6 @@ public:
     // Visits every box matching the dotted path of four-character codes below
     // this box; the visitor returns true to go on.
     void find(const char* path, const std::function<bool(BOX&)>& visit) const;
-    void if_not_found(const char* path, const std::function<void()>& action) const;
     // The first match, or null.
     BOX* first(const char* path) const;
     // Where new children go: behind the last child, or at the start of the

@@ -80,20 +80,6 @@ BOX* Container::spatialData() const
     return qadt != nullptr && qadt->size >= 9 ? qadt->parent : nullptr;
 }
 
-bool Container::isMdatFirst() const
-{
-    if (!root)
-        return false;
-    bool moovSeen = false;
-    for (BOX* b : root->children) {
-        if (b->is("moov"))
-            moovSeen = true;
-        if (b->is("mdat"))
-            return !moovSeen;
-    }
-    return false;
-}
-
 bool Container::readBox(const BOX& b, uint64_t maxBytes, ByteArray& out) const
 {
     out.clear();

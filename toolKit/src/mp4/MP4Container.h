@@ -29,7 +29,6 @@ public:
     void find(const char* path, const std::function<bool(BOX&)>& visit) const;
     BOX* first(const char* path) const;
     bool open(const std::function<void(GLTK::FileIO&)>& action) const;
-    bool isMdatFirst() const;
     // The length of the parsed file.
     uint64_t length() const { return root ? root->size : 0; }
     // The first box at path (such as "uuid.QADT") whose parent is the
@@ -63,7 +62,6 @@ public:
     // behind its codec configuration, in place of any the entry holds. A
     // damaged entry or V2 box is left alone with one line saying so.
     bool appendSphericalVideoV2(EditPlan& plan, const std::string& metadataSource, double yaw, double pitch) const;
-    bool isSpatialDataExist() const;
     bool appendFullRangeAndConstrainedSet1Flag(EditPlan& plan, bool fullRange) const;
     // The location boxes the movie lacks, wrapped in a new udta when it has
     // none; false when there is nothing to add.

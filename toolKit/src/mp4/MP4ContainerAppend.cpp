@@ -108,16 +108,6 @@ bool Container::appendSphericalVideoV2(EditPlan& plan, const std::string& source
 
 // ---------------------------------------------------------------- spatial data
 
-bool Container::isSpatialDataExist() const
-{
-    bool found = false;
-    find("uuid", [&](BOX& b) {
-        found = static_cast<UUID&>(b).hasUserType(SpatialData::_UUID);
-        return !found;
-    });
-    return found;
-}
-
 // ---------------------------------------------------------------- GPS meta
 
 bool Container::appendGpsMeta(EditPlan& plan, unsigned file, uint64_t offset, uint64_t length) const

@@ -101,7 +101,7 @@ EditPlan::EditPlan(const Container& movie)
 unsigned EditPlan::addInput(const Container& other)
 {
     const unsigned file = static_cast<unsigned>(inputs.size());
-    inputs.push_back({&other, other.path, other.length(), {}});
+    inputs.push_back({other.path, other.length(), {}});
     registerOffsets(file, other);
     return file;
 }

@@ -62,7 +62,6 @@ public:
     EditPlan& operator=(const EditPlan&) = delete;
     // Another input whose bytes the output may take; returns its number.
     unsigned addInput(const Container& other);
-    const Container& input(unsigned file) const { return *inputs.at(file).container; }
 
     // Edits of the movie's boxes (input 0), named for the failure line. An
     // edit is refused (false, after that line) when its box does not lie
@@ -101,7 +100,6 @@ public:
 
 private:
     struct Input {
-        const Container* container;
         std::wstring path;
         uint64_t length;
         std::vector<Offsets> offsets; // registered in its boxes
