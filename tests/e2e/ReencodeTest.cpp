@@ -26,13 +26,13 @@ struct Reencode {
     }
 };
 
-// The progress lines, each in its exact format and ended by a carriage
-// return: one per frame written, numbered from 0, at increasing times from
-// the cut's start; audio lines inside the cut; every total the source's
-// whole duration.
+// The progress lines printed off a terminal, each in its exact format and
+// ended by a newline (no carriage return anywhere): one per frame written,
+// numbered from 0, at increasing times from the cut's start; audio lines
+// inside the cut; every total the source's whole duration.
 void expectProgress(const std::string& out, size_t frames, double start, double end, const std::string& total)
 {
-    static const std::regex line(R"(processing (frame ([ 0-9]{6})|audio ------) ([0-9]+\.[0-9]{2})/([0-9]+\.[0-9]{2})\r)");
+    static const std::regex line(R"(processing (frame ([ 0-9]{6})|audio ------) ([0-9]+\.[0-9]{2})/([0-9]+\.[0-9]{2})\n)");
     static const std::regex any("processing (frame|audio)");
     std::vector<double> times;
     long audio = 0;
@@ -50,6 +50,7 @@ void expectProgress(const std::string& out, size_t frames, double start, double 
     EXPECT_NEAR(times[0], start, 0.005);
     EXPECT_TRUE(std::is_sorted(times.begin(), times.end()));
     EXPECT_GT(audio, 0);
+    EXPECT_EQ(out.find('\r'), std::string::npos);
     EXPECT_EQ(long(frames) + audio, std::distance(std::sregex_iterator(out.begin(), out.end(), any), std::sregex_iterator()))
         << "malformed progress lines";
 }

@@ -39,6 +39,10 @@ void MetaBuilder::init()
 void MetaBuilder::progress(unsigned step)
 {
     unsigned s = std::min(step, 10u);
+    if (GLTK::Console::isTerminal()) {
+        GLTK::Console::status(L"writing metadata %3u%%", s * 10);
+        return;
+    }
     GLTK::Console::LocaleC c;
     GLTK::Console::out(L"processing meta %4d %0.2f/%0.2f\n", s, s * 10.0, 100.0);
 }
@@ -111,6 +115,10 @@ bool MetaBuilder::updateMetaWithoutAddingFullRange(const std::wstring& path, con
 
 bool MetaBuilder::rebuild(const std::wstring& path, const std::wstring* outPath, bool withAvcC, bool fullRange)
 {
+    // At a terminal the steps share one line, ended however the rebuild ends.
+    struct EndStatus {
+        ~EndStatus() { GLTK::Console::endStatus(); }
+    } endStatus;
     progress(0);
     MP4::Container movie;
     if (!movie.attach(path))
