@@ -3,6 +3,7 @@
 #include "GLTKConsole.h"
 #include "GLTKwchar.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cwchar>
@@ -101,6 +102,10 @@ bool Option::parse(int argc, const std::vector<std::wstring>& argv)
             outputPath = word;
         }
     }
+    // The frame is W x W/2, and the encoders take even sides only: a width
+    // is taken to the nearest multiple of 4, at least 4.
+    if (videoWidth > 0)
+        videoWidth = static_cast<int32_t>(std::clamp<int64_t>((int64_t(videoWidth) + 2) / 4 * 4, 4, INT32_MAX - 3));
     if (sourcePath.empty())
         sourcePath = L"./images/source.mp4";
     if (outputPath.empty())
@@ -111,6 +116,9 @@ bool Option::parse(int argc, const std::vector<std::wstring>& argv)
         return true;
     if (codec == 0)
         codec = probe.codec;
+    // libx265 takes no frame less than 16 high (at the preset used).
+    if (codec == 2 && videoWidth > 0)
+        videoWidth = std::max(videoWidth, 32);
     if (keyFrameInterval == -1) {
         keyFrameInterval = probe.frameRate > 29.0f ? 30 : 15;
         GLTK::Console::out(L"key-frame interval: %d\n", keyFrameInterval);

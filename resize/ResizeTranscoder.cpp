@@ -84,8 +84,9 @@ uint32_t ResizeTranscoder::trim(const Option& option)
 
     // The output is always 2:1 equirectangular.
     GLTK::Size size = transcoder.sourceFrameSize();
-    if (option.videoWidth >= 2)
+    if (option.videoWidth > 0)
         size = GLTK::Size{option.videoWidth, option.videoWidth / 2};
+    GLTK::Console::out(L"output size: %dx%d\n", size.width, size.height);
     transcoder.setRenderFrameSize(size);
     transcoder.setOutputFrameSize(size);
     transcoder.setKeyFrameInterval(option.keyFrameInterval);

@@ -150,8 +150,10 @@ void expectAvcFlags(const fs::path& output)
 
 TEST(ReencodeNewerCamera, HevcCutHasItsSizeKeyFramesAudioAndTrimmedCameraData)
 {
-    Reencode r(kNewer30, "-vw:640 -ki:15 -ab:64000 -ss:1 -to:3 -h265");
+    // A width is taken to the nearest multiple of 4.
+    Reencode r(kNewer30, "-vw:641 -ki:15 -ab:64000 -ss:1 -to:3 -h265");
     ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("\noutput size: 640x320\n"), std::string::npos) << r.out;
     EXPECT_EQ(probe(r.output, "v:0", "stream=codec_name,codec_tag_string,width,height,nb_frames"), "hevc\nhvc1\n640\n320\n60");
     EXPECT_NEAR(std::stod(probe(r.output, "v:0", "stream=duration")), 2.0, 0.04);
     EXPECT_NEAR(std::stod(probe(r.output, "", "format=duration")), 2.0, 0.05);
@@ -178,8 +180,9 @@ TEST(ReencodeNewerCamera, H264AtLowRateKeepsBitRateResamplesAudioAndTrimsAt15Per
     // 25 fps (sensor records at 15 a second), low-rate audio, long enough
     // for the encoder's rate control to settle; the end asked lies beyond
     // the source's.
-    Reencode r("--fps 25 --duration 8 --audio-rate 22050", "-vw:640 -vb:1000000 -ki:25 -ss:2 -to:20 -h264");
+    Reencode r("--fps 25 --duration 8 --audio-rate 22050", "-vw:639 -vb:1000000 -ki:25 -ss:2 -to:20 -h264");
     ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("\noutput size: 640x320\n"), std::string::npos) << r.out;
     EXPECT_EQ(probe(r.output, "v:0", "stream=width,height,nb_frames"), "640\n320\n150");
     EXPECT_NEAR(std::stod(probe(r.output, "v:0", "stream=bit_rate")), 1000000, 150000);
     EXPECT_NEAR(std::stod(probe(r.output, "v:0", "stream=duration")), 6.0, 0.05);
