@@ -2,6 +2,7 @@
 
 #include "GLTKConsole.h"
 #include "GLTKwchar.h"
+#include "Utility.h"
 
 #include <algorithm>
 #include <cmath>
@@ -112,6 +113,13 @@ bool Option::parse(int argc, const std::vector<std::wstring>& argv)
         outputPath = L"./images/resize.mp4";
     if (!result)
         return false;
+    // A source that cannot be converted is named with the reason, and
+    // nothing more is tried.
+    const std::wstring problem = Utility::sourceProblem(sourcePath);
+    if (!problem.empty()) {
+        GLTK::Console::out(L"%ls: %ls\n", sourcePath.c_str(), problem.c_str());
+        return false;
+    }
     if (!probe.probe(sourcePath))
         return true;
     if (codec == 0)

@@ -308,6 +308,20 @@ TEST(MetaE2EFailures, CommandLineMistakesEndWithStatusOne)
     EXPECT_EQ(text, "argument 2 is not readable text in this locale.\n");
     EXPECT_EQ(readFile(dir / "out"), (Bytes{'k', 'e', 'e', 'p'}));
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);
+
+    // A source that cannot be converted: its path and the reason, the usage
+    // text, and nothing else (no probe, no output).
+    fs::create_directory(dir / "folder.mp4");
+    Bytes cut = readFile(sharedMovie(kNewerFull));
+    cut.resize(4000); // ftyp and the start of mdat: the recording was cut short
+    writeFile(dir / "cut.mp4", cut);
+    writeFile(dir / "notes.mp4", {'h', 'e', 'l', 'l', 'o'});
+    for (const auto& [name, reason] : {std::pair{"missing.mp4", "No such file or directory"}, {"folder.mp4", "Is a directory"},
+                                       {"notes.mp4", "not an MP4 movie"}, {"cut.mp4", "not an MP4 movie (no moov box)"}}) {
+        EXPECT_EQ(run(resizeHere + " -vw:640 " + name + " new.mp4", &text), 1);
+        EXPECT_EQ(text, std::string(name) + ": " + reason + "\n" + usage(name, "new.mp4"));
+    }
+    EXPECT_FALSE(fs::exists(dir / "new.mp4"));
 }
 
 TEST(MetaE2ESafety, OutputNamingTheSourceIsRefusedBeforeAnythingIsWritten)

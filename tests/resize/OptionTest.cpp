@@ -28,7 +28,7 @@ TEST(Option, ValuesAndWhatMakesARunReEncode)
 {
     Parse p({"-vw:1922", "-ki:10", "-vb:8000000", "-ab:96000", "-ss:2", "-to:12.1", "-h265", "-thumb:t.jpg",
              "/nonexistent/a.mp4", "b.mp4"});
-    EXPECT_TRUE(p.ok); // a source that cannot be probed does not fail the parse
+    EXPECT_FALSE(p.ok); // a source that is not there fails the parse, which reads the words all the same
     const Option& o = p.option;
     // The end rounded up to whole seconds, the width to a multiple of 4.
     EXPECT_EQ(std::make_tuple(o.videoWidth, o.keyFrameInterval, o.videoBitRate, o.audioBitRate, o.start, o.end, o.codec),

@@ -8,7 +8,9 @@
 #include "SourceMetadata.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 
 MetaBuilder::MetaBuilder(const char* image, const char* version, bool ownName)
 {
@@ -121,8 +123,11 @@ bool MetaBuilder::rebuild(const std::wstring& path, const std::wstring* outPath,
     } endStatus;
     progress(0);
     MP4::Container movie;
-    if (!movie.attach(path))
+    if (!movie.attach(path)) {
+        GLTK::Console::out(L"MP4: %ls cannot be read: %ls\n", path.c_str(),
+                           GLTK::wchar::mbs2wcs(std::strerror(errno)).c_str());
         return false;
+    }
     MP4::EditPlan plan(movie);
     if (withAvcC && !movie.appendFullRangeAndConstrainedSet1Flag(plan, fullRange))
         return false;
