@@ -2,7 +2,9 @@
 
 #include "GLTKConsole.h"
 #include "GLTKwchar.h"
+#include "Utility.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cwchar>
@@ -101,16 +103,30 @@ bool Option::parse(int argc, const std::vector<std::wstring>& argv)
             outputPath = word;
         }
     }
+    // The frame is W x W/2, and the encoders take even sides only: a width
+    // is taken to the nearest multiple of 4, at least 4.
+    if (videoWidth > 0)
+        videoWidth = static_cast<int32_t>(std::clamp<int64_t>((int64_t(videoWidth) + 2) / 4 * 4, 4, INT32_MAX - 3));
     if (sourcePath.empty())
         sourcePath = L"./images/source.mp4";
     if (outputPath.empty())
         outputPath = L"./images/resize.mp4";
     if (!result)
         return false;
+    // A source that cannot be converted is named with the reason, and
+    // nothing more is tried.
+    const std::wstring problem = Utility::sourceProblem(sourcePath);
+    if (!problem.empty()) {
+        GLTK::Console::out(L"%ls: %ls\n", sourcePath.c_str(), problem.c_str());
+        return false;
+    }
     if (!probe.probe(sourcePath))
         return true;
     if (codec == 0)
         codec = probe.codec;
+    // libx265 takes no frame less than 16 high (at the preset used).
+    if (codec == 2 && videoWidth > 0)
+        videoWidth = std::max(videoWidth, 32);
     if (keyFrameInterval == -1) {
         keyFrameInterval = probe.frameRate > 29.0f ? 30 : 15;
         GLTK::Console::out(L"key-frame interval: %d\n", keyFrameInterval);

@@ -6,6 +6,67 @@
 #include "GLTKwchar.h"
 #include "Utility.h"
 
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+
+namespace {
+
+// m:ss, or h:mm:ss from an hour on.
+std::wstring clockText(double seconds)
+{
+    const long s = std::lround(std::max(seconds, 0.0));
+    wchar_t text[32];
+    if (s >= 3600)
+        swprintf(text, 32, L"%ld:%02ld:%02ld", s / 3600, s / 60 % 60, s % 60);
+    else
+        swprintf(text, 32, L"%ld:%02ld", s / 60, s % 60);
+    return text;
+}
+
+// The re-encode's status line at a terminal: frames done of those the cut
+// should give, percent, frames per second, elapsed and remaining time.
+// Drawn at most ten times a second, and once more at the end.
+class FrameProgress {
+public:
+    explicit FrameProgress(uint32_t expected) : total(expected) {}
+    ~FrameProgress() { GLTK::Console::endStatus(); }
+
+    void frame(uint32_t done)
+    {
+        if (done <= 1 || Clock::now() - drawn >= std::chrono::milliseconds(100))
+            draw(done);
+    }
+    // A cut written whole has exactly the frames written.
+    void finish(uint32_t done, bool whole)
+    {
+        if (whole)
+            total = done;
+        draw(done);
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void draw(uint32_t done)
+    {
+        drawn = Clock::now();
+        total = std::max(total, done);
+        const double elapsed = std::chrono::duration<double>(drawn - begun).count();
+        const double fps = elapsed > 0.1 ? done / elapsed : 0.0;
+        const std::wstring left = fps > 0.0 ? clockText((total - done) / fps) : L"-:--";
+        GLTK::Console::LocaleC c;
+        GLTK::Console::status(L"frame %u/%u  %3.0f%%  %.1f fps  elapsed %ls  remaining %ls", done, total,
+                              total ? 100.0 * done / total : 0.0, fps, clockText(elapsed).c_str(), left.c_str());
+    }
+
+    uint32_t total;
+    const Clock::time_point begun = Clock::now();
+    Clock::time_point drawn = begun;
+};
+
+} // namespace
+
 uint32_t ResizeTranscoder::trim(const Option& option)
 {
     const std::string source = GLTK::wchar::narrow(option.sourcePath);
@@ -23,8 +84,9 @@ uint32_t ResizeTranscoder::trim(const Option& option)
 
     // The output is always 2:1 equirectangular.
     GLTK::Size size = transcoder.sourceFrameSize();
-    if (option.videoWidth >= 2)
+    if (option.videoWidth > 0)
         size = GLTK::Size{option.videoWidth, option.videoWidth / 2};
+    GLTK::Console::out(L"output size: %dx%d\n", size.width, size.height);
     transcoder.setRenderFrameSize(size);
     transcoder.setOutputFrameSize(size);
     transcoder.setKeyFrameInterval(option.keyFrameInterval);
@@ -53,24 +115,33 @@ uint32_t ResizeTranscoder::trim(const Option& option)
     const double total = duration.seconds();
     const GLTK::MediaTimeRange range(startTime, GLTK::MediaTime(endTime.value - startTime.value, scale));
 
+    // At a terminal one status line; elsewhere a line for every frame and
+    // every audio buffer, for logs and scripts.
+    const bool terminal = GLTK::Console::isTerminal();
+    FrameProgress progress(static_cast<uint32_t>(
+        std::lround(std::max(range.duration.seconds() * transcoder.nominalFrameRate(), 0.0))));
     uint32_t frames = 0;
     auto onFrame = [&](const GLTK::VideoFrame* frame, GLTKVideoWriter&, GLTK::MediaTime time) {
-        {
+        if (!terminal) {
             GLTK::Console::LocaleC c;
-            GLTK::Console::out(L"processing frame %6d %0.2f/%0.2f\r", frames, time.seconds(), total);
+            GLTK::Console::out(L"processing frame %6d %0.2f/%0.2f\n", frames, time.seconds(), total);
         }
         transcoder.processFrame(frame, time);
         ++frames;
+        if (terminal)
+            progress.frame(frames);
         return true;
     };
     auto onAudio = [&](const GLTK::AudioBuffer* buffer, GLTKVideoWriter&, GLTK::MediaTime time) {
-        {
+        if (!terminal) {
             GLTK::Console::LocaleC c;
-            GLTK::Console::out(L"processing audio ------ %0.2f/%0.2f\r", time.seconds(), total);
+            GLTK::Console::out(L"processing audio ------ %0.2f/%0.2f\n", time.seconds(), total);
         }
         transcoder.processAudio(buffer);
     };
     bool ok = transcoder.process(output, 1.0f, startTime, range, option.codec == 2, onFrame, onAudio,
                                  [](GLTKVideoWriter&) {});
+    if (terminal)
+        progress.finish(frames, ok);
     return ok ? frames : 0;
 }

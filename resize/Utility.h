@@ -1,6 +1,6 @@
 #pragma once
 // Small pieces of the run flow: argument conversion, the kill command, the
-// platform's full-range answer and the timing line.
+// source check, the platform's full-range answer and the timing line.
 #include <chrono>
 #include <memory>
 #include <string>
@@ -30,6 +30,11 @@ bool isSupporFullRangePixelFormat();
 // True when both paths name one existing file (same device and inode, also
 // through links).
 bool isSameFile(const std::wstring& a, const std::wstring& b);
+
+// Why the source cannot be converted, as a user reads it: the system's
+// message when it cannot be opened ("No such file or directory"), "Is a
+// directory", or "not an MP4 movie". Empty when it can be.
+std::wstring sourceProblem(const std::wstring& path);
 
 // "\n%0.4f [sec]\n" with the elapsed time truncated to whole milliseconds.
 void printElapsed(std::chrono::steady_clock::time_point start);

@@ -45,14 +45,19 @@ bool writtenSince(const OutputStamp& before, const std::wstring& path)
            now.st.st_ctim.tv_nsec != before.st.st_ctim.tv_nsec;
 }
 
-// Stage failures print their line, then the usage text. Whatever this run
-// wrote to the output is removed, so that a failed run never leaves a
-// half-written movie that looks finished; a file that the run refused to
-// touch stays as it was.
-int fail(const Option& option, const OutputStamp* before = nullptr)
+// A run that stops early removes whatever it wrote to the output, so that
+// it never leaves a half-written movie that looks finished; a file that the
+// run refused to touch stays as it was. A cancelled run (SIGTERM, Ctrl-C)
+// says only that; a failed one prints what failed, then the usage text.
+int stop(const Option& option, const OutputStamp* before = nullptr, const std::wstring& failure = {})
 {
     if (before != nullptr && writtenSince(*before, option.outputPath))
         GLTK::FileIO::unlink(option.outputPath);
+    if (GLTK::cancelRequested()) {
+        GLTK::Console::out(L"cancelled.\n");
+        return 1;
+    }
+    GLTK::Console::out(L"%ls", failure.c_str());
     option.usage();
     return 1;
 }
@@ -71,21 +76,19 @@ uint32_t sensorEntries(uint32_t frames, float frameRate, unsigned perSecond)
 int run(int argc, const std::vector<std::wstring>& args)
 {
     Option option;
-    if (!option.parse(argc, args))
-        return fail(option);
-    if (Utility::isSameFile(option.sourcePath, option.outputPath)) {
-        GLTK::Console::out(L"output %ls is the source movie itself.\n", option.outputPath.c_str());
-        return fail(option);
-    }
+    // The stages stop early on a cancel; one that comes between two stages
+    // is seen at the next check.
+    if (!option.parse(argc, args) || GLTK::cancelRequested())
+        return stop(option);
+    if (Utility::isSameFile(option.sourcePath, option.outputPath))
+        return stop(option, nullptr, L"output " + option.outputPath + L" is the source movie itself.\n");
     const OutputStamp before = stampOf(option.outputPath);
 
     uint32_t frames = 0;
     if (option.reEncode) {
         frames = ResizeTranscoder::trim(option);
-        if (frames == 0) {
-            GLTK::Console::out(L"process(%ls, %ls) failed.\n", option.sourcePath.c_str(), option.outputPath.c_str());
-            return fail(option, &before);
-        }
+        if (frames == 0 || GLTK::cancelRequested())
+            return stop(option, &before, L"process(" + option.sourcePath + L", " + option.outputPath + L") failed.\n");
     }
     {
         MetaBuilder meta(Resize_image, Resize_version, false);
@@ -102,23 +105,26 @@ int run(int argc, const std::vector<std::wstring>& args)
         if (end != 0xFFFFFFFFu && option.probe.duration > 0.0f && double(end) >= option.probe.duration)
             end = 0xFFFFFFFFu;
         if (option.reEncode && CameraModel::isNewer(option.probe.cameraVersion) &&
-            !meta.readSpatialData(option.sourcePath, option.start, end)) {
-            GLTK::Console::out(L"readSpatialData failed.\n");
-            return fail(option, &before);
-        }
+            !meta.readSpatialData(option.sourcePath, option.start, end))
+            return stop(option, &before, L"readSpatialData failed.\n");
         bool updated = option.reEncode
                            ? meta.updateMeta(option.outputPath, nullptr, Utility::isSupporFullRangePixelFormat())
                            : meta.updateMeta(option.sourcePath, &option.outputPath,
                                              Utility::isSupporFullRangePixelFormat());
-        if (!updated || GLTK::cancelRequested()) {
-            GLTK::Console::out(L"updateMeta failed.\n");
-            return fail(option, &before);
-        }
+        if (!updated || GLTK::cancelRequested())
+            return stop(option, &before, L"updateMeta failed.\n");
     }
     if (!option.thumbnailPath.empty()) {
+        const OutputStamp thumbnailBefore = stampOf(option.thumbnailPath);
         Thumbnailer thumbnailer(option.outputPath);
-        if (!thumbnailer.saveFrame(option.thumbnailPath))
+        if (!thumbnailer.saveFrame(option.thumbnailPath) && !GLTK::cancelRequested())
             GLTK::Console::out(L"thumbnailer(%ls) failed.\n", option.thumbnailPath.c_str());
+        // Cancelled here, the run leaves neither the movie nor the picture.
+        if (GLTK::cancelRequested()) {
+            if (writtenSince(thumbnailBefore, option.thumbnailPath))
+                GLTK::FileIO::unlink(option.thumbnailPath);
+            return stop(option, &before);
+        }
     }
     return 0;
 }

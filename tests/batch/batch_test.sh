@@ -37,7 +37,7 @@ local="$tmp/out put"
 batch 1 "$src" "$local"
 said "2 converted, 0 skipped (converted before), 1 failed"
 said "failed: day 2/broken.mp4 ($local/.resize-batch/logs/day 2/broken.mp4.log)"
-grep -q "moov atom not found" "$local/.resize-batch/logs/day 2/broken.mp4.log" || fail "the broken movie's log"
+grep -q "broken.mp4: not an MP4 movie (no moov box)" "$local/.resize-batch/logs/day 2/broken.mp4.log" || fail "the broken movie's log"
 for f in "a b.mp4" "day 2/c.MP4"; do
     "$bin/Inspect" "$local/$f" >/dev/null 2>&1 || fail "$f is not a whole movie"
 done

@@ -27,10 +27,11 @@ const std::string kOlderBare = "--model older --layout moov-first --co64 --gps=-
 // holds an initial view.
 const std::string kNewerFull = "--model newer --projection 0 --sph-heading 30 --sph-pitch -5";
 // A newer camera whose spatial data lies behind moov, so that growing moov
-// moves it; a bare maker note; a thumbnail box too small for a new
-// thumbnail; big-endian sensor boxes; no XMP, Spherical XML, loci or GPS meta.
+// moves it; a bare maker note with stabilization off; a thumbnail box too
+// small for a new thumbnail; big-endian sensor boxes; no XMP, Spherical XML,
+// loci or GPS meta.
 const std::string kNewerMoved = "--model newer --spatial after-moov --no-xmp --no-sph --no-loci --no-meta "
-                                "--qmkn narvi --thumb-size 1200 --sensor-endian big";
+                                "--qmkn narvi --stabilization 2 --thumb-size 1200 --sensor-endian big";
 
 const std::string kXmp = uuidSegment(kXmpUUID), kSpherical = "moov.trak." + uuidSegment(kSphericalUUID);
 const char kNewCreatorTool[] = "<x:CreatorTool>NARVI ORVEX::Resize.osx 2.8.3.2019.07.25</x:CreatorTool>";
@@ -98,6 +99,7 @@ void expectSound(const Conversion& r)
     EXPECT_TRUE(offsetsOk(r.output, &why)) << why;
     EXPECT_EQ(probe(r.output, "v:0", "stream_side_data=projection"), "equirectangular");
     EXPECT_TRUE(r.text.ends_with(" [sec]\n")) << r.text;
+    EXPECT_EQ(r.text.find("update failed"), std::string::npos) << r.text; // nothing to do is no failure
     EXPECT_EQ(creationTimes(r.after), creationTimes(r.before));
     expectSphericalV2(r.output);
     expectSourceKept(r);
@@ -315,6 +317,20 @@ TEST(MetaE2EFailures, CommandLineMistakesEndWithStatusOne)
     EXPECT_EQ(text, "argument 2 is not readable text in this locale.\n");
     EXPECT_EQ(readFile(dir / "out"), (Bytes{'k', 'e', 'e', 'p'}));
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);
+
+    // A source that cannot be converted: its path and the reason, the usage
+    // text, and nothing else (no probe, no output).
+    fs::create_directory(dir / "folder.mp4");
+    Bytes cut = readFile(sharedMovie(kNewerFull));
+    cut.resize(4000); // ftyp and the start of mdat: the recording was cut short
+    writeFile(dir / "cut.mp4", cut);
+    writeFile(dir / "notes.mp4", {'h', 'e', 'l', 'l', 'o'});
+    for (const auto& [name, reason] : {std::pair{"missing.mp4", "No such file or directory"}, {"folder.mp4", "Is a directory"},
+                                       {"notes.mp4", "not an MP4 movie"}, {"cut.mp4", "not an MP4 movie (no moov box)"}}) {
+        EXPECT_EQ(run(resizeHere + " -vw:640 " + name + " new.mp4", &text), 1);
+        EXPECT_EQ(text, std::string(name) + ": " + reason + "\n" + usage(name, "new.mp4"));
+    }
+    EXPECT_FALSE(fs::exists(dir / "new.mp4"));
 }
 
 TEST(MetaE2ESafety, OutputNamingTheSourceIsRefusedBeforeAnythingIsWritten)

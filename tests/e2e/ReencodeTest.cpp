@@ -11,9 +11,9 @@ using namespace testsupport;
 
 namespace {
 
-// Newer camera, 30 fps, sensor records in big-endian order, a maker note
-// that does not say equirectangular.
-const std::string kNewer30 = "--duration 4 --sensor-endian big --projection 2";
+// Newer camera, 30 fps, sensor records in big-endian order that end at
+// 80 of the 120 frames, a maker note that does not say equirectangular.
+const std::string kNewer30 = "--duration 4 --sensor-endian big --sensor-records 80 --projection 2";
 
 struct Reencode {
     TempDir dir;
@@ -26,13 +26,13 @@ struct Reencode {
     }
 };
 
-// The progress lines, each in its exact format and ended by a carriage
-// return: one per frame written, numbered from 0, at increasing times from
-// the cut's start; audio lines inside the cut; every total the source's
-// whole duration.
+// The progress lines printed off a terminal, each in its exact format and
+// ended by a newline (no carriage return anywhere): one per frame written,
+// numbered from 0, at increasing times from the cut's start; audio lines
+// inside the cut; every total the source's whole duration.
 void expectProgress(const std::string& out, size_t frames, double start, double end, const std::string& total)
 {
-    static const std::regex line(R"(processing (frame ([ 0-9]{6})|audio ------) ([0-9]+\.[0-9]{2})/([0-9]+\.[0-9]{2})\r)");
+    static const std::regex line(R"(processing (frame ([ 0-9]{6})|audio ------) ([0-9]+\.[0-9]{2})/([0-9]+\.[0-9]{2})\n)");
     static const std::regex any("processing (frame|audio)");
     std::vector<double> times;
     long audio = 0;
@@ -50,6 +50,7 @@ void expectProgress(const std::string& out, size_t frames, double start, double 
     EXPECT_NEAR(times[0], start, 0.005);
     EXPECT_TRUE(std::is_sorted(times.begin(), times.end()));
     EXPECT_GT(audio, 0);
+    EXPECT_EQ(out.find('\r'), std::string::npos);
     EXPECT_EQ(long(frames) + audio, std::distance(std::sregex_iterator(out.begin(), out.end(), any), std::sregex_iterator()))
         << "malformed progress lines";
 }
@@ -149,8 +150,10 @@ void expectAvcFlags(const fs::path& output)
 
 TEST(ReencodeNewerCamera, HevcCutHasItsSizeKeyFramesAudioAndTrimmedCameraData)
 {
-    Reencode r(kNewer30, "-vw:640 -ki:15 -ab:64000 -ss:1 -to:3 -h265");
+    // A width is taken to the nearest multiple of 4.
+    Reencode r(kNewer30, "-vw:641 -ki:15 -ab:64000 -ss:1 -to:3 -h265");
     ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("\noutput size: 640x320\n"), std::string::npos) << r.out;
     EXPECT_EQ(probe(r.output, "v:0", "stream=codec_name,codec_tag_string,width,height,nb_frames"), "hevc\nhvc1\n640\n320\n60");
     EXPECT_NEAR(std::stod(probe(r.output, "v:0", "stream=duration")), 2.0, 0.04);
     EXPECT_NEAR(std::stod(probe(r.output, "", "format=duration")), 2.0, 0.05);
@@ -160,9 +163,9 @@ TEST(ReencodeNewerCamera, HevcCutHasItsSizeKeyFramesAudioAndTrimmedCameraData)
     EXPECT_NEAR(std::stod(probe(r.output, "a:0", "stream=bit_rate")), 64000, 64000 * 0.15);
     expectProgress(r.out, 60, 1.0, 3.0, "4.00");
 
-    // Sensor records from 1 s x 30 on, one per frame written; the spatial
-    // audio from 1 s to 3 s.
-    expectSensorCut(r, 30, 60);
+    // Sensor records from 1 s x 30 on, one per frame written as far as
+    // there are records (to 80); the spatial audio from 1 s to 3 s.
+    expectSensorCut(r, 30, 50);
     expectSpatialCut(r.output, 48000, 96000);
     expectCameraMovie(r.output);
     // The maker note says equirectangular now; the rest of it is the source's.
@@ -177,8 +180,9 @@ TEST(ReencodeNewerCamera, H264AtLowRateKeepsBitRateResamplesAudioAndTrimsAt15Per
     // 25 fps (sensor records at 15 a second), low-rate audio, long enough
     // for the encoder's rate control to settle; the end asked lies beyond
     // the source's.
-    Reencode r("--fps 25 --duration 8 --audio-rate 22050", "-vw:640 -vb:1000000 -ki:25 -ss:2 -to:20 -h264");
+    Reencode r("--fps 25 --duration 8 --audio-rate 22050", "-vw:639 -vb:1000000 -ki:25 -ss:2 -to:20 -h264");
     ASSERT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("\noutput size: 640x320\n"), std::string::npos) << r.out;
     EXPECT_EQ(probe(r.output, "v:0", "stream=width,height,nb_frames"), "640\n320\n150");
     EXPECT_NEAR(std::stod(probe(r.output, "v:0", "stream=bit_rate")), 1000000, 150000);
     EXPECT_NEAR(std::stod(probe(r.output, "v:0", "stream=duration")), 6.0, 0.05);

@@ -26,16 +26,18 @@ struct Parse {
 
 TEST(Option, ValuesAndWhatMakesARunReEncode)
 {
-    Parse p({"-vw:1920", "-ki:10", "-vb:8000000", "-ab:96000", "-ss:2", "-to:12.1", "-h265", "-thumb:t.jpg",
+    Parse p({"-vw:1922", "-ki:10", "-vb:8000000", "-ab:96000", "-ss:2", "-to:12.1", "-h265", "-thumb:t.jpg",
              "/nonexistent/a.mp4", "b.mp4"});
-    EXPECT_TRUE(p.ok); // a source that cannot be probed does not fail the parse
+    EXPECT_FALSE(p.ok); // a source that is not there fails the parse, which reads the words all the same
     const Option& o = p.option;
+    // The end rounded up to whole seconds, the width to a multiple of 4.
     EXPECT_EQ(std::make_tuple(o.videoWidth, o.keyFrameInterval, o.videoBitRate, o.audioBitRate, o.start, o.end, o.codec),
-              std::make_tuple(1920, 10, 8000000u, 96000u, 2u, 13u, 2)); // the end rounded up to whole seconds
+              std::make_tuple(1924, 10, 8000000u, 96000u, 2u, 13u, 2));
     EXPECT_EQ(o.thumbnailPath + L" " + o.sourcePath + L" " + o.outputPath, L"t.jpg /nonexistent/a.mp4 b.mp4");
     EXPECT_EQ(o.reEncode, 1);
     // Codec and thumbnail options alone re-encode nothing.
     EXPECT_EQ(Parse({"-h264", "-thumb:x.jpg", "/x"}).option.reEncode, 0);
+    EXPECT_EQ(Parse({"-vw:1", "/x"}).option.videoWidth, 4);
 }
 
 // Every model of the line probes to its code, and only the newer ones take
@@ -61,10 +63,11 @@ TEST(Option, EachCameraModelProbesToItsCodeAndTheSourceGivesTheDefaults)
     for (const char* line : {"H.264 detected.\n", "key-frame interval: 30\n",
                              "detect default bitrate: 960/30.00fps, videoQuality:1, hevc:0\n", "output video bitrate: 8000000\n"})
         EXPECT_NE(newer.printed.find(line), std::string::npos) << line << " in\n" << newer.printed;
-    Parse hevc({sharedMovie("--model older --codec h265 --fps 25").string()});
+    Parse hevc({"-vw:9", sharedMovie("--model older --codec h265 --fps 25").string()});
     for (const char* line : {"H.265/HEVC detected(hvc1).\n", "key-frame interval: 15\n", "output video bitrate: 3000000\n"})
         EXPECT_NE(hevc.printed.find(line), std::string::npos) << line << " in\n" << hevc.printed;
     EXPECT_EQ(hevc.option.codec, 2);
+    EXPECT_EQ(hevc.option.videoWidth, 32); // libx265's smallest frame is 32 x 16
 }
 
 } // namespace

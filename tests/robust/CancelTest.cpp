@@ -1,7 +1,8 @@
 // Stopping a run with "Resize -kill:PID" (SIGTERM) while it re-encodes and
 // while it copies a large movie's metadata: the run stops within a few
-// seconds with exit status 1, removes its temporary file and its partial
-// output, and leaves the source byte for byte as it was.
+// seconds with exit status 1 and a last line "cancelled." (no failure line,
+// no usage text), removes its temporary file and its partial output, and
+// leaves the source byte for byte as it was.
 //
 // To hit the chosen stage every time, the test watches the output folder,
 // freezes the run (SIGSTOP) as soon as the file of that stage appears, sends
@@ -43,6 +44,9 @@ void stopWhenPresent(const std::string& options, const fs::path& src, const fs::
     const Bytes log = readFile(dir / "log"), status = readFile(dir / "status");
     const std::string text(log.begin(), log.end());
     EXPECT_EQ(std::string(status.begin(), status.end()), "1\n") << text;
+    EXPECT_TRUE(text.ends_with("\ncancelled.\n") && text.find("failed") == std::string::npos &&
+                text.find("usage:") == std::string::npos)
+        << text;
     EXPECT_LT(std::chrono::duration<double>(Clock::now() - resumed).count(), 5.0) << text;
     EXPECT_FALSE(fs::exists(out)) << "partial output left\n" << text;
     EXPECT_EQ(leftovers(dir), "");

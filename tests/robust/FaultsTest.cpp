@@ -1,7 +1,8 @@
 // Faults of the machine rather than of the movie: a disk that fills up during
 // the metadata copy or the re-encode (a file-size limit on the process), and
-// an output folder that cannot be written. A run that fails says so and
-// cleans up; a run that ends with status 0 has written a whole movie.
+// an output folder that cannot be written. A run that fails says so, with
+// the system's reason, and cleans up; a run that ends with status 0 has
+// written a whole movie.
 #include "Robust.h"
 
 #include <gtest/gtest.h>
@@ -23,6 +24,7 @@ struct Faults : testing::Test {
             SCOPED_TRACE(options + " under a file-size limit of " + std::to_string(limit));
             Outcome o = runChecked(options, source, out, limit);
             EXPECT_TRUE(o.status != 0 || (nestingOk(out) && decodesCleanly(out))) << "an incomplete movie";
+            EXPECT_TRUE(o.status != 1 || o.output.find(": File too large\n") != std::string::npos) << o.output;
             failures += o.status == 1;
             fs::remove(out);
         }
@@ -54,15 +56,20 @@ TEST_F(Faults, OutputFolderThatCannotBeWritten)
     fs::create_directory(dir / "taken.mp4");
     fs::create_directory(dir / "readonly");
     writeFile(dir / "plain", {1, 2, 3});
+    const std::pair<fs::path, std::string> places[] = {
+        {"/proc/resize-no-such-folder/out.mp4", "No such file or directory"},
+        {dir / "plain" / "out.mp4", "Not a directory"},
+        {dir / "taken.mp4", "Is a directory"}};
     for (const char* options : {"", "-vw:320"}) {
-        for (const fs::path& place : {fs::path("/proc/resize-no-such-folder/out.mp4"), dir / "plain" / "out.mp4",
-                                      dir / "taken.mp4"})
-            EXPECT_EQ(runChecked(options, source, place).status, 1) << place;
+        for (const auto& [place, reason] : places) {
+            const Outcome o = runChecked(options, source, place);
+            EXPECT_TRUE(o.status == 1 && o.output.find(": " + reason + "\n") != std::string::npos) << o.output;
+        }
         const Outcome o = runChecked(options, source, dir / "readonly" / "out.mp4", 0, (dir / "readonly").string());
         if (o.status == 125)
             std::printf("no private mount here: the read-only file system case was not run\n");
         else
-            EXPECT_EQ(o.status, 1) << o.output;
+            EXPECT_TRUE(o.status == 1 && o.output.find(": Read-only file system\n") != std::string::npos) << o.output;
     }
 }
 

@@ -18,9 +18,20 @@ public:
     // the environment names the plain C locale. Numbers stay in the C locale.
     static void init_locale();
 
-    // Wide printf to standard output, flushed after every call so that
-    // progress lines ending in "\r" show at once.
+    // Wide printf to standard output, flushed after every call. While a
+    // status line is open the text goes above it and the status line is
+    // drawn again below.
     static void out(const wchar_t* format, ...);
+
+    // Whether standard output is a terminal: only there is a status line
+    // drawn in place; a pipe or a log file gets whole lines.
+    static bool isTerminal();
+    // Draws the status line: one line at the bottom of the terminal,
+    // redrawn in place ("\r") by every call.
+    static void status(const wchar_t* format, ...);
+    // Ends the status line with a newline, where it stays as it was last
+    // drawn. Nothing when none is open.
+    static void endStatus();
 
     // The title, then every byte as " %02X", then a line end.
     static void dump(const wchar_t* title, const void* bytes, size_t count);

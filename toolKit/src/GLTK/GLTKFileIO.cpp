@@ -32,7 +32,6 @@ FileIO::FileIO(const std::wstring& p, int m) : path(p), mode(m)
     else
         fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd == -1) {
-        Console::out(L"open(%ls, '%c') failed.\n", path.c_str(), mode);
         fd = 0;
     } else if (fd == 0) {
         // Descriptor 0 means "not open" to every caller: move it elsewhere.

@@ -13,6 +13,8 @@ class FileIO {
 public:
     // mode 'r': read only; 'w': create or truncate, write only (0644);
     // 'a': read and write without create, writes land at the position.
+    // A failed open prints nothing and leaves errno to the caller, who
+    // knows what the file was for.
     FileIO(const std::wstring& path, int mode);
     virtual ~FileIO();
     FileIO(const FileIO&) = delete;

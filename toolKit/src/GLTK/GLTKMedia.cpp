@@ -1,9 +1,12 @@
 #include "GLTKMedia.h"
 
+#include "GLTKConsole.h"
+
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
+#include <unistd.h>
 
 extern "C" {
 #include <libavutil/error.h>
@@ -136,6 +139,11 @@ void platformLog(const char* format, ...)
         return;
     size_t len = static_cast<size_t>(n) < sizeof line - 1 ? static_cast<size_t>(n) : sizeof line - 2;
     line[len++] = '\n';
+    // On the same terminal, the message starts on a line of its own below a
+    // status line.
+    static const bool sameTerminal = isatty(STDERR_FILENO) == 1;
+    if (sameTerminal)
+        Console::endStatus();
     fwrite(line, 1, len, stderr);
     fflush(stderr);
 }

@@ -6,6 +6,8 @@
 #include <climits>
 #include <cmath>
 #include <condition_variable>
+#include <cstring>
+#include <string>
 #include <deque>
 #include <fcntl.h>
 #include <mutex>
@@ -190,7 +192,7 @@ struct GLTKVideoWriter::Output {
             std::lock_guard<std::mutex> lock(muxMutex);
             ret = av_interleaved_write_frame(fmt, pkt);
             if (ret < 0) {
-                fail(method, "writing failed: " + GLTK::avErrorText(ret));
+                fail(method, std::string("writing ") + fmt->url + " failed: " + GLTK::avErrorText(ret));
                 break;
             }
         }
@@ -373,7 +375,7 @@ bool GLTKVideoWriter::setupWriter(const std::string& url, GLTK::Size size, bool 
     unlink(url.c_str());
     int fd = creat(url.c_str(), 0644);
     if (fd < 0) {
-        platformLog("%s: open failed(%d)", method, errno);
+        platformLog("%s: %s cannot be written: %s", method, url.c_str(), strerror(errno));
         return false;
     }
     close(fd);
@@ -563,21 +565,22 @@ bool GLTKVideoWriter::stop()
         return false;
     output->finishThreads();
     bool ok = !output->failed && output->headerWritten;
+    // After a failure, reported where it happened, the rest of the file can
+    // only fail the same way: it is finished without more words.
+    auto report = [&](const std::string& what) {
+        if (!output->failed)
+            platformLog("%s: %s", method, what.c_str());
+        ok = false;
+    };
     if (output->headerWritten) {
         int ret = av_write_trailer(output->fmt);
-        if (ret < 0) {
-            platformLog("%s: Error: %s", method, GLTK::avErrorText(ret).c_str());
-            ok = false;
-        }
-        if (output->fmt->pb != nullptr && output->fmt->pb->error < 0) {
-            platformLog("%s: Error: %s", method, GLTK::avErrorText(output->fmt->pb->error).c_str());
-            ok = false;
-        }
+        if (ret < 0)
+            report("Error: " + GLTK::avErrorText(ret));
+        else if (output->fmt->pb != nullptr && output->fmt->pb->error < 0)
+            report("Error: " + GLTK::avErrorText(output->fmt->pb->error));
     }
-    if (output->fmt->pb != nullptr && avio_closep(&output->fmt->pb) < 0) {
-        platformLog("%s: Error: closing the file failed", method);
-        ok = false;
-    }
+    if (output->fmt->pb != nullptr && avio_closep(&output->fmt->pb) < 0)
+        report("Error: closing the file failed");
     output.reset();
     return ok;
 }

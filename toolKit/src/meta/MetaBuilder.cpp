@@ -8,7 +8,9 @@
 #include "SourceMetadata.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 
 MetaBuilder::MetaBuilder(const char* image, const char* version, bool ownName)
 {
@@ -39,6 +41,10 @@ void MetaBuilder::init()
 void MetaBuilder::progress(unsigned step)
 {
     unsigned s = std::min(step, 10u);
+    if (GLTK::Console::isTerminal()) {
+        GLTK::Console::status(L"writing metadata %3u%%", s * 10);
+        return;
+    }
     GLTK::Console::LocaleC c;
     GLTK::Console::out(L"processing meta %4d %0.2f/%0.2f\n", s, s * 10.0, 100.0);
 }
@@ -111,10 +117,17 @@ bool MetaBuilder::updateMetaWithoutAddingFullRange(const std::wstring& path, con
 
 bool MetaBuilder::rebuild(const std::wstring& path, const std::wstring* outPath, bool withAvcC, bool fullRange)
 {
+    // At a terminal the steps share one line, ended however the rebuild ends.
+    struct EndStatus {
+        ~EndStatus() { GLTK::Console::endStatus(); }
+    } endStatus;
     progress(0);
     MP4::Container movie;
-    if (!movie.attach(path))
+    if (!movie.attach(path)) {
+        GLTK::Console::out(L"MP4: %ls cannot be read: %ls\n", path.c_str(),
+                           GLTK::wchar::mbs2wcs(std::strerror(errno)).c_str());
         return false;
+    }
     MP4::EditPlan plan(movie);
     if (withAvcC && !movie.appendFullRangeAndConstrainedSet1Flag(plan, fullRange))
         return false;

@@ -44,6 +44,13 @@ std::wstring systemMessage(int error)
     return GLTK::wchar::mbs2wcs(std::strerror(error));
 }
 
+// An input that cannot be opened, with the reason the system gave.
+bool cannotRead(const std::wstring& path)
+{
+    GLTK::Console::out(L"MP4: %ls cannot be read: %ls\n", path.c_str(), systemMessage(errno).c_str());
+    return false;
+}
+
 // Puts bytes over an input's overlay: overlapping entries merge into one,
 // the newer bytes on top.
 void overlay(std::map<uint64_t, ByteArray>& layer, uint64_t at, const uint8_t* data, uint64_t n)
@@ -415,7 +422,9 @@ bool EditPlan::remap(std::map<unsigned, std::map<uint64_t, ByteArray>>& overlays
                 overlay(overlays[file], o.at, values.data, n);
             }
         });
-        if (!opened || !ok)
+        if (!opened)
+            return cannotRead(inputs[file].path);
+        if (!ok)
             return false;
     }
     for (Placed& p : placed) {
@@ -482,7 +491,7 @@ bool EditPlan::writeOut(const std::wstring& outputPath,
             }
         });
         if (!read)
-            return false;
+            return cannotRead(inputs[0].path);
     }
 
     int error = 0;
@@ -540,10 +549,9 @@ bool EditPlan::writeOut(const std::wstring& outputPath,
     std::vector<std::unique_ptr<GLTK::FileIO>> files;
     for (unsigned f = 0; f < inputs.size(); ++f) {
         files.push_back(std::make_unique<GLTK::FileIO>(inputs[f].path, wroteInPlace && f == 0 ? 'a' : 'r'));
-        ok = ok && files.back()->isOpen();
+        if (!files.back()->isOpen())
+            return cannotRead(inputs[f].path);
     }
-    if (!ok)
-        return false;
     {
         std::unique_ptr<GLTK::FileIO> made;
         if (!wroteInPlace) {
@@ -563,15 +571,19 @@ bool EditPlan::writeOut(const std::wstring& outputPath,
             ok = false;
         }
     }
+    // The file that failed: the temporary one, or the output when the
+    // finished file cannot take its name.
+    const std::wstring* failed = &target;
     if (ok && !wroteInPlace && !GLTK::FileIO::rename(target, outputPath)) {
         error = errno;
         ok = false;
+        failed = &outputPath;
     }
     if (!ok) {
         if (!wroteInPlace)
             GLTK::FileIO::unlink(target);
         if (!GLTK::cancelRequested())
-            GLTK::Console::out(L"MP4: writing %ls failed: %ls\n", target.c_str(),
+            GLTK::Console::out(L"MP4: writing %ls failed: %ls\n", failed->c_str(),
                                systemMessage(error != 0 ? error : EIO).c_str());
     }
     return ok;
