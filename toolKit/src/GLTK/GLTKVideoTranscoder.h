@@ -76,7 +76,8 @@ public:
     // Decodes timeRange of the source and encodes it into outputURL with the
     // timeline starting at startTime. Each pass moves at most one audio
     // buffer and one frame, as far as the writer is ready; a pass that moves
-    // nothing sleeps 1 ms. Ends when the reader completes, fails or is
+    // nothing (audio held back behind the video moves nothing) sleeps 1 ms.
+    // Ends when the reader completes, fails or is
     // cancelled, when processFrame answers false, when the writer fails, or
     // on a stop request. True when the reader did not fail, the writer
     // finished the file and nothing stopped the loop early. Runs once: the
