@@ -132,6 +132,9 @@ bool GLTKVideoTranscoder::process(const std::string& outputURL, float audioPrece
     idle = 0;
     if (!reader || !videoWriter)
         return false; // already run once
+    // Frames are scaled straight into the layout the encoder takes, so each
+    // is converted once, by the reader.
+    setPixelFormatType(videoWriter->encoderPixelFormatType(encodeHEVC));
     if (!reader->start(source, renderSize, timeRange))
         return false;
     bool hasAudio = reader->hasAudioTrack();

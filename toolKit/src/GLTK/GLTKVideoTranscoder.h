@@ -20,8 +20,10 @@ extern std::atomic<bool> transcodeStopRequested;
 
 class GLTKVideoTranscoder {
 public:
-    // Called once per decoded frame; answering false ends the loop (and makes
-    // process() return false). Absent: the frame goes to the writer.
+    // Called once per decoded frame, in the set pixel format's range and the
+    // layout the encoder takes (GLTKVideoWriter::encoderPixelFormatType);
+    // answering false ends the loop (and makes process() return false).
+    // Absent: the frame goes to the writer.
     using ProcessFrame =
         std::function<bool(const GLTK::VideoFrame* frame, GLTKVideoWriter& writer, GLTK::MediaTime time)>;
     // Called once per decoded audio buffer (never with the held-back marker).

@@ -361,6 +361,11 @@ struct GLTKVideoWriter::Output {
 
 GLTKVideoWriter::GLTKVideoWriter() = default;
 
+uint32_t GLTKVideoWriter::encoderPixelFormatType(bool encodeHEVC) const
+{
+    return encodeHEVC && pixelFormat == GLTK::kPixelFormat_420f ? GLTK::kPixelFormat_f420 : pixelFormat;
+}
+
 GLTKVideoWriter::~GLTKVideoWriter() = default;
 
 bool GLTKVideoWriter::setupWriter(const std::string& url, GLTK::Size size, bool hasAudio, bool encodeHEVC)
@@ -402,9 +407,9 @@ bool GLTKVideoWriter::setupWriter(const std::string& url, GLTK::Size size, bool 
     v->time_base = AVRational{1, timescale > 0 ? timescale : 90000};
     if (frameRate > 0)
         v->framerate = av_d2q(frameRate, 1000000);
-    bool fullRange = pixelFormat == GLTK::kPixelFormat_420f;
+    bool fullRange = pixelFormat == GLTK::kPixelFormat_420f || pixelFormat == GLTK::kPixelFormat_f420;
     // x264 takes NV12 as it comes; x265 wants planar 4:2:0.
-    v->pix_fmt = !encodeHEVC && fullRange ? AV_PIX_FMT_NV12 : AV_PIX_FMT_YUV420P;
+    v->pix_fmt = !encodeHEVC && pixelFormat == GLTK::kPixelFormat_420f ? AV_PIX_FMT_NV12 : AV_PIX_FMT_YUV420P;
     v->color_range = fullRange ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
     // Average bit rate; the VBV lets a frame run to twice the average over a
     // two-second buffer, so complex scenes borrow from simple ones without
