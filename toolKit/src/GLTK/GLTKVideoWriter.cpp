@@ -28,26 +28,26 @@ using GLTK::platformLog;
 namespace {
 
 // Encoder settings: the most SSIM per unit of encoder time at a fixed bit
-// rate, measured on the frames a 4K source gives at 1920x960, full range
-// (the encoder alone; README, "Encoders", has the whole table).
+// rate, measured with the encoder alone on the frames a 4K source gives at
+// 1920x960, full range (bench/encoder_settings.sh; README, "Encoders").
 //
 // x264, Baseline, 16 Mbit/s: "veryfast" with subpixel refinement 3 (one
-// step up) and auto-variance adaptive quantisation (aq-mode 2) reaches the
-// SSIM of "faster" within 0.0001 in under half its time (7.6 s of CPU for
-// 10 s against 16.3 s). "faster" spends about 40 % of its time in trellis
-// quantisation, which with Baseline's CAVLC buys only 0.0004; its second
-// reference and p8x8 partitions buy nothing measurable. aq-mode 2 is free
-// (+0.0004); subme 3 costs 5 % (+0.0003).
+// step up) and auto-variance adaptive quantisation (aq-mode 2) comes within
+// 0.0001 SSIM of "faster" in under half its time (7.5 s of CPU for 10 s
+// against 16.0 s). A third of "faster"'s time goes to trellis quantisation,
+// which with Baseline's CAVLC buys 0.0004; aq-mode 2 adds 0.0004 at no
+// cost, subme 3 another 0.0002.
 constexpr const char* kX264Preset = "veryfast";
 constexpr const char* kX264Params = "subme=3:aq-mode=2";
-// x265, 8 Mbit/s: "veryfast" is where the quality levels off: +0.0039 SSIM
-// over "ultrafast" for about twice its time, within 0.0001 of "faster" and
-// "fast" (the latter 15 % slower). The steps below it cost more than they
-// save: "superfast" is 20 % quicker and 0.0019 lower, 0.0010 lower with SAO
-// turned back on. Psychovisual rate-distortion stays on: turning it off
-// would add 0.0004 SSIM and save 8 % of the time, but flattens the texture
-// that SSIM does not reward.
+// x265, 8 Mbit/s: "veryfast" is where the quality levels off: 0.0038 SSIM
+// over "ultrafast" for twice its time, level with "faster" and within
+// 0.0001 of "fast" (18 % slower); "superfast" is 0.0019 lower, 0.0009 with
+// SAO back on. Sign-bit hiding is off: it saves 0.6 % of the bits (SSIM
+// 0.00005) for 6 % of the encoder's time. Psychovisual rate-distortion stays
+// on: turning it off would add 0.0004 SSIM and save 6 %, but flattens the
+// texture that SSIM does not reward.
 constexpr const char* kX265Preset = "veryfast";
+constexpr const char* kX265Params = "signhide=0";
 
 // Frames handed from the caller's thread to an encoder thread. The bound is
 // kept by the producer, which checks hasRoom before pushing.
@@ -433,7 +433,8 @@ bool GLTKVideoWriter::setupWriter(const std::string& url, GLTK::Size size, bool 
         av_dict_set(&opts, "preset", kX265Preset, 0);
         // Key frames exactly every interval, each an IDR that starts a closed
         // group, so that any key frame can begin a cut.
-        av_dict_set(&opts, "x265-params", "scenecut=0:open-gop=0:log-level=error", 0);
+        av_dict_set(&opts, "x265-params",
+                    (std::string("scenecut=0:open-gop=0:log-level=error:") + kX265Params).c_str(), 0);
     } else {
         av_dict_set(&opts, "preset", kX264Preset, 0);
         av_dict_set(&opts, "profile", "baseline", 0);
