@@ -5,12 +5,18 @@
 # to 1920x960 through the transcoder, and reports peak RSS and CPU use.
 #
 #   bench/memory_flat.sh [BUILD_DIR] [WORK_DIR]
+# H.264 at 16 Mbit/s; CODEC=h265 for H.265 at 8 Mbit/s.
 # Exit status 1 when the two peaks differ by more than 10 %.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 BUILD=${1:-build}
 WORK=${2:-/tmp/resize-bench}
 TOOL=$BUILD/bin/transcode_memory_tool
+case ${CODEC:-h264} in
+h264) ENCODE=(-vb:16000000 -ki:30) ;;
+h265) ENCODE=(-h265 -vb:8000000 -ki:30) ;;
+*) echo "CODEC is h264 or h265" >&2; exit 2 ;;
+esac
 [ -x "$TOOL" ] || { echo "missing $TOOL (build first)" >&2; exit 2; }
 mkdir -p "$WORK"
 
@@ -31,7 +37,7 @@ for secs in 5 20; do
     make_source "$secs" "$src"
     rate=$(ffprobe -v error -select_streams v -show_entries format=bit_rate -of csv=p=0 "$src")
     echo "== ${secs} s source: $(awk -v r="$rate" 'BEGIN{printf "%.1f Mbit/s", r/1e6}')"
-    /usr/bin/time -v "$TOOL" "$src" "$WORK/out_${secs}s.mp4" 1920 -vb:16000000 -ki:30 \
+    /usr/bin/time -v "$TOOL" "$src" "$WORK/out_${secs}s.mp4" 1920 "${ENCODE[@]}" \
         >"$WORK/tool_${secs}s.txt" 2>"$WORK/time_${secs}s.txt"
     cat "$WORK/tool_${secs}s.txt"
     peak=$(awk -F: '/Maximum resident set size/ {gsub(/ /, "", $2); print $2}' "$WORK/time_${secs}s.txt")

@@ -71,7 +71,7 @@ uint32_t VideoFrame::pixelFormatType() const
     case AV_PIX_FMT_NV12:
         return frame->color_range == AVCOL_RANGE_JPEG ? kPixelFormat_420f : 0;
     case AV_PIX_FMT_YUV420P:
-        return kPixelFormat_y420;
+        return frame->color_range == AVCOL_RANGE_JPEG ? kPixelFormat_f420 : kPixelFormat_y420;
     case AV_PIX_FMT_BGRA:
         return kPixelFormat_BGRA;
     default:

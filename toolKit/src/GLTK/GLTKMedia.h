@@ -12,6 +12,7 @@ namespace GLTK {
 // Four-character pixel-format codes understood by the reader and the writer.
 constexpr uint32_t kPixelFormat_420f = 0x34323066; // "420f": NV12, full range
 constexpr uint32_t kPixelFormat_y420 = 0x79343230; // "y420": planar 4:2:0, video range
+constexpr uint32_t kPixelFormat_f420 = 0x66343230; // "f420": planar 4:2:0, full range
 constexpr uint32_t kPixelFormat_BGRA = 0x42475241; // "BGRA": packed 8-bit B, G, R, A
 
 // A point in time as value / timescale seconds. A timescale of 0 marks an
@@ -79,8 +80,8 @@ public:
 
     int width() const;
     int height() const;
-    // kPixelFormat_420f, kPixelFormat_y420, kPixelFormat_BGRA, or 0 for any
-    // other layout.
+    // kPixelFormat_420f, kPixelFormat_y420, kPixelFormat_f420,
+    // kPixelFormat_BGRA, or 0 for any other layout.
     uint32_t pixelFormatType() const;
     int planeCount() const;
     const uint8_t* plane(int index) const;

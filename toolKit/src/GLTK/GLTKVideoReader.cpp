@@ -73,6 +73,10 @@ bool outputFormat(uint32_t type, AVPixelFormat& format, bool& fullRange)
         format = AV_PIX_FMT_YUV420P;
         fullRange = false;
         return true;
+    case GLTK::kPixelFormat_f420:
+        format = AV_PIX_FMT_YUV420P;
+        fullRange = true;
+        return true;
     case GLTK::kPixelFormat_BGRA:
         format = AV_PIX_FMT_BGRA;
         fullRange = true;

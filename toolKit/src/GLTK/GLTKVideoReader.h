@@ -84,7 +84,7 @@ public:
 
     // Settings, applied by the next start: the rate and channel count that
     // decoded audio is converted to, and the pixel format of the frames
-    // ("420f", "y420" or "BGRA").
+    // ("420f", "y420", "f420" or "BGRA").
     float audioSampleRate() const { return sampleRate; }
     void setAudioSampleRate(float rate) { sampleRate = rate; }
     int audioChannelCount() const { return channelCount; }

@@ -132,6 +132,9 @@ bool GLTKVideoTranscoder::process(const std::string& outputURL, float audioPrece
     idle = 0;
     if (!reader || !videoWriter)
         return false; // already run once
+    // Frames are scaled straight into the layout the encoder takes, so each
+    // is converted once, by the reader.
+    setPixelFormatType(videoWriter->encoderPixelFormatType(encodeHEVC));
     if (!reader->start(source, renderSize, timeRange))
         return false;
     bool hasAudio = reader->hasAudioTrack();
@@ -147,10 +150,12 @@ bool GLTKVideoTranscoder::process(const std::string& outputURL, float audioPrece
     int status = GLTKVideoReader::Unknown;
     MediaTime audioTime = MediaTime::zero();
     MediaTime frameTime = MediaTime::zero();
+    bool audioMoved = false;
     auto audioHandler = [&](const GLTK::AudioBuffer* buffer, MediaTime time) {
         audioTime = time;
         if (buffer == nullptr || buffer->isHeldBackMarker())
             return; // held back: nothing to write
+        audioMoved = true;
         if (processAudio)
             processAudio(buffer, writer, time);
         else
@@ -168,16 +173,20 @@ bool GLTKVideoTranscoder::process(const std::string& outputURL, float audioPrece
            status != GLTKVideoReader::Cancelled && goOn) {
         // Each pass's frame and buffer are released when their handlers
         // return, so nothing accumulates from pass to pass.
-        bool audioLoaded = false;
+        // Audio held back behind the video does not count as moved: while
+        // the encoder's queue is full that pass has done nothing, and
+        // counting it would turn the loop into a spin that takes a core
+        // from the encoder.
+        audioMoved = false;
         bool frameLoaded = false;
         if (writer.isReadyForMoreAudio())
-            audioLoaded = reader->loadNextAudio(audioPrecedingLimit, audioHandler);
+            reader->loadNextAudio(audioPrecedingLimit, audioHandler);
         if (writer.isReadyForMoreFrame())
             frameLoaded = reader->loadNextFrame(frameHandler);
         if (GLTK::transcodeStopRequested.load() || GLTK::cancelRequested() || writer.hasFailed())
             goOn = false;
         if (goOn) {
-            if (!audioLoaded && !frameLoaded) {
+            if (!audioMoved && !frameLoaded) {
                 ++idle;
                 usleep(1000);
             }

@@ -20,8 +20,10 @@ extern std::atomic<bool> transcodeStopRequested;
 
 class GLTKVideoTranscoder {
 public:
-    // Called once per decoded frame; answering false ends the loop (and makes
-    // process() return false). Absent: the frame goes to the writer.
+    // Called once per decoded frame, in the set pixel format's range and the
+    // layout the encoder takes (GLTKVideoWriter::encoderPixelFormatType);
+    // answering false ends the loop (and makes process() return false).
+    // Absent: the frame goes to the writer.
     using ProcessFrame =
         std::function<bool(const GLTK::VideoFrame* frame, GLTKVideoWriter& writer, GLTK::MediaTime time)>;
     // Called once per decoded audio buffer (never with the held-back marker).
@@ -76,7 +78,8 @@ public:
     // Decodes timeRange of the source and encodes it into outputURL with the
     // timeline starting at startTime. Each pass moves at most one audio
     // buffer and one frame, as far as the writer is ready; a pass that moves
-    // nothing sleeps 1 ms. Ends when the reader completes, fails or is
+    // nothing (audio held back behind the video moves nothing) sleeps 1 ms.
+    // Ends when the reader completes, fails or is
     // cancelled, when processFrame answers false, when the writer fails, or
     // on a stop request. True when the reader did not fail, the writer
     // finished the file and nothing stopped the loop early. Runs once: the

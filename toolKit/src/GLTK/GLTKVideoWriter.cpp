@@ -29,20 +29,27 @@ using GLTK::platformLog;
 
 namespace {
 
-// Encoder speed presets. The re-encode turns 4K sources into 1080p-class
-// output on small machines where decoding the source already takes about a
-// core. x264 "faster" (subpixel refinement and motion search a step above
-// "veryfast") gives about 0.001 more SSIM on a noisy 4K source brought to
-// 1920x960 at 16 Mbit/s, for about twice the encoder time; with decoding,
-// the whole re-encode still takes about two thirds of the CPU time of
-// FFmpeg's command-line tool at its default "medium", whose quality it comes
-// within about 0.001 SSIM of (bench/reencode_vs_ffmpeg.sh). Baseline
-// rules out B-frames and CABAC, where the slower presets spend much of their
-// extra time. x265 is the slow path either way: "ultrafast" needs 60 to 80 %
-// of the time of "superfast" for the same PSNR at 1920x960, so it is the one
-// that keeps a long HEVC re-encode within reason.
-constexpr const char* kX264Preset = "faster";
-constexpr const char* kX265Preset = "ultrafast";
+// Encoder settings: the most SSIM per unit of encoder time at a fixed bit
+// rate, measured with the encoder alone on the frames a 4K source gives at
+// 1920x960, full range (bench/encoder_settings.sh; README, "Encoders").
+//
+// x264, Baseline, 16 Mbit/s: "veryfast" with subpixel refinement 3 (one
+// step up) and auto-variance adaptive quantisation (aq-mode 2) comes within
+// 0.0001 SSIM of "faster" in under half its time (7.5 s of CPU for 10 s
+// against 16.0 s). A third of "faster"'s time goes to trellis quantisation,
+// which with Baseline's CAVLC buys 0.0004; aq-mode 2 adds 0.0004 at no
+// cost, subme 3 another 0.0002.
+constexpr const char* kX264Preset = "veryfast";
+constexpr const char* kX264Params = "subme=3:aq-mode=2";
+// x265, 8 Mbit/s: "veryfast" is where the quality levels off: 0.0038 SSIM
+// over "ultrafast" for twice its time, level with "faster" and within
+// 0.0001 of "fast" (18 % slower); "superfast" is 0.0019 lower, 0.0009 with
+// SAO back on. Sign-bit hiding is off: it saves 0.6 % of the bits (SSIM
+// 0.00005) for 6 % of the encoder's time. Psychovisual rate-distortion stays
+// on: turning it off would add 0.0004 SSIM and save 6 %, but flattens the
+// texture that SSIM does not reward.
+constexpr const char* kX265Preset = "veryfast";
+constexpr const char* kX265Params = "signhide=0";
 
 // Frames handed from the caller's thread to an encoder thread. The bound is
 // kept by the producer, which checks hasRoom before pushing.
@@ -363,6 +370,11 @@ struct GLTKVideoWriter::Output {
 
 GLTKVideoWriter::GLTKVideoWriter() = default;
 
+uint32_t GLTKVideoWriter::encoderPixelFormatType(bool encodeHEVC) const
+{
+    return encodeHEVC && pixelFormat == GLTK::kPixelFormat_420f ? GLTK::kPixelFormat_f420 : pixelFormat;
+}
+
 GLTKVideoWriter::~GLTKVideoWriter() = default;
 
 bool GLTKVideoWriter::setupWriter(const std::string& url, GLTK::Size size, bool hasAudio, bool encodeHEVC)
@@ -404,9 +416,9 @@ bool GLTKVideoWriter::setupWriter(const std::string& url, GLTK::Size size, bool 
     v->time_base = AVRational{1, timescale > 0 ? timescale : 90000};
     if (frameRate > 0)
         v->framerate = av_d2q(frameRate, 1000000);
-    bool fullRange = pixelFormat == GLTK::kPixelFormat_420f;
+    bool fullRange = pixelFormat == GLTK::kPixelFormat_420f || pixelFormat == GLTK::kPixelFormat_f420;
     // x264 takes NV12 as it comes; x265 wants planar 4:2:0.
-    v->pix_fmt = !encodeHEVC && fullRange ? AV_PIX_FMT_NV12 : AV_PIX_FMT_YUV420P;
+    v->pix_fmt = !encodeHEVC && pixelFormat == GLTK::kPixelFormat_420f ? AV_PIX_FMT_NV12 : AV_PIX_FMT_YUV420P;
     v->color_range = fullRange ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
     // Average bit rate; the VBV lets a frame run to twice the average over a
     // two-second buffer, so complex scenes borrow from simple ones without
@@ -423,11 +435,12 @@ bool GLTKVideoWriter::setupWriter(const std::string& url, GLTK::Size size, bool 
         av_dict_set(&opts, "preset", kX265Preset, 0);
         // Key frames exactly every interval, each an IDR that starts a closed
         // group, so that any key frame can begin a cut.
-        av_dict_set(&opts, "x265-params", "scenecut=0:open-gop=0:log-level=error", 0);
+        av_dict_set(&opts, "x265-params",
+                    (std::string("scenecut=0:open-gop=0:log-level=error:") + kX265Params).c_str(), 0);
     } else {
         av_dict_set(&opts, "preset", kX264Preset, 0);
         av_dict_set(&opts, "profile", "baseline", 0);
-        av_dict_set(&opts, "x264-params", "scenecut=0", 0);
+        av_dict_set(&opts, "x264-params", (std::string("scenecut=0:") + kX264Params).c_str(), 0);
     }
     ret = avcodec_open2(v, codec, &opts);
     av_dict_free(&opts);

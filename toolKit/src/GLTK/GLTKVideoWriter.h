@@ -69,10 +69,15 @@ public:
     void setAudioChannelCount(int count) { channelCount = count; }
     uint32_t audioEncoderBitRate() const { return audioBitRate; }
     void setAudioEncoderBitRate(uint32_t bitsPerSecond) { audioBitRate = bitsPerSecond; }
-    // The layout of the frames that will be given: "420f" frames are encoded
-    // as full range and the stream says so; "y420" and "BGRA" as video range.
+    // The layout of the frames that will be given: "420f" and "f420" frames
+    // are encoded as full range and the stream says so; "y420" and "BGRA" as
+    // video range.
     uint32_t pixelFormatType() const { return pixelFormat; }
     void setPixelFormatType(uint32_t type) { pixelFormat = type; }
+    // The layout in the same range as the set one that the encoder takes as
+    // it is, with no conversion on the way: x264 takes NV12 ("420f") and
+    // planar 4:2:0, x265 planar 4:2:0 only ("f420" for "420f").
+    uint32_t encoderPixelFormatType(bool encodeHEVC) const;
     int keyFrameInterval() const { return keyInterval; }
     void setKeyFrameInterval(int frames) { keyInterval = frames; }
     bool moovFirst() const { return moovAtFront; }
