@@ -53,8 +53,10 @@ private:
         drawn = Clock::now();
         total = std::max(total, done);
         const double elapsed = std::chrono::duration<double>(drawn - begun).count();
-        const double fps = elapsed > 0.1 ? done / elapsed : 0.0;
-        const std::wstring left = fps > 0.0 ? clockText((total - done) / fps) : L"-:--";
+        // The rate settles after a tenth of a second; the last drawing has it
+        // whatever the time, and nothing left.
+        const double fps = elapsed > 0.1 || (done == total && elapsed > 0.0) ? done / elapsed : 0.0;
+        const std::wstring left = done == total ? L"0:00" : fps > 0.0 ? clockText((total - done) / fps) : L"-:--";
         GLTK::Console::LocaleC c;
         GLTK::Console::status(L"frame %u/%u  %3.0f%%  %.1f fps  elapsed %ls  remaining %ls", done, total,
                               total ? 100.0 * done / total : 0.0, fps, clockText(elapsed).c_str(), left.c_str());
