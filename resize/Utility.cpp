@@ -60,14 +60,6 @@ bool isSupporFullRangePixelFormat()
     return supported;
 }
 
-bool isSameFile(const std::wstring& a, const std::wstring& b)
-{
-    struct stat sa, sb;
-    if (stat(GLTK::FileIO::toNative(a).c_str(), &sa) != 0 || stat(GLTK::FileIO::toNative(b).c_str(), &sb) != 0)
-        return false;
-    return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
-}
-
 std::wstring sourceProblem(const std::wstring& path)
 {
     auto message = [](int error) { return GLTK::wchar::mbs2wcs(std::strerror(error)); };

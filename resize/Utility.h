@@ -27,10 +27,6 @@ bool kill(int argc, const std::vector<std::wstring>& argv, int& status);
 // platform (libswscale converts to full-range NV12).
 bool isSupporFullRangePixelFormat();
 
-// True when both paths name one existing file (same device and inode, also
-// through links).
-bool isSameFile(const std::wstring& a, const std::wstring& b);
-
 // Why the source cannot be converted, as a user reads it: the system's
 // message when it cannot be opened ("No such file or directory"), "Is a
 // directory", or "not an MP4 movie". Empty when it can be.

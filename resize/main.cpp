@@ -80,7 +80,7 @@ int run(int argc, const std::vector<std::wstring>& args)
     // is seen at the next check.
     if (!option.parse(argc, args) || GLTK::cancelRequested())
         return stop(option);
-    if (Utility::isSameFile(option.sourcePath, option.outputPath))
+    if (GLTK::FileIO::sameFile(option.sourcePath, option.outputPath))
         return stop(option, nullptr, L"output " + option.outputPath + L" is the source movie itself.\n");
     const OutputStamp before = stampOf(option.outputPath);
 

@@ -193,6 +193,14 @@ bool FileIO::rename(const std::wstring& from, const std::wstring& to)
     return ::rename(toNative(from).c_str(), toNative(to).c_str()) == 0;
 }
 
+bool FileIO::sameFile(const std::wstring& a, const std::wstring& b)
+{
+    struct stat sa, sb;
+    if (::stat(toNative(a).c_str(), &sa) != 0 || ::stat(toNative(b).c_str(), &sb) != 0)
+        return false;
+    return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
 bool FileIO::unlink(const std::wstring& path)
 {
     return ::unlink(toNative(path).c_str()) == 0;

@@ -34,6 +34,8 @@ public:
     static bool open(const std::wstring& path, const std::function<void(FileIO&)>& action);
     static bool rename(const std::wstring& from, const std::wstring& to);
     static bool unlink(const std::wstring& path);
+    // Both paths name one file (links and other spellings included).
+    static bool sameFile(const std::wstring& a, const std::wstring& b);
 
     // The multibyte form of a path, cut at 2048 bytes.
     static std::string toNative(const std::wstring& path);

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace MP4 {
@@ -29,14 +28,6 @@ const BOX* topLevelOf(const BOX& box)
     while (b->parent != nullptr && b->parent->depth >= 0)
         b = b->parent;
     return b;
-}
-
-bool sameFile(const std::wstring& a, const std::wstring& b)
-{
-    struct stat sa, sb;
-    if (stat(GLTK::FileIO::toNative(a).c_str(), &sa) != 0 || stat(GLTK::FileIO::toNative(b).c_str(), &sb) != 0)
-        return false;
-    return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
 std::wstring systemMessage(int error)
@@ -462,7 +453,7 @@ bool EditPlan::writeOut(const std::wstring& outputPath,
     // The movie is rewritten in place when it is its own output and the few
     // of its bytes that move (boxes behind a change at its end) can be held
     // in memory until they are written back; the media stays where it is.
-    wroteInPlace = sameFile(outputPath, inputs[0].path);
+    wroteInPlace = GLTK::FileIO::sameFile(outputPath, inputs[0].path);
     uint64_t moved = 0;
     for (const Placed& p : placed)
         if (!p.piece.bytes && p.piece.file == 0 && p.out != p.piece.start)
