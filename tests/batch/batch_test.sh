@@ -53,9 +53,11 @@ batch 1 --force "$src" "$local"
 said "2 converted, 0 skipped (converted before), 1 failed"
 
 # Two hosts that share nothing with this folder: the movies go there and the
-# outputs and logs come back; nothing stays on the hosts.
+# outputs and logs come back; nothing stays on the hosts. No $SHELL, as
+# under cron or CI.
 printf 'hostA\nhostB\n' >"$tmp/hosts"
 remote="$tmp/remote"
+unset SHELL
 HOSTS_ROOT="$tmp/on hosts" PARALLEL_SSH="$here/stand_in_ssh.sh" batch 1 -j 1 --hosts "$tmp/hosts" "$src" "$remote"
 said "2 converted, 0 skipped (converted before), 1 failed"
 said "failed: day 2/broken.mp4 ($remote/.resize-batch/logs/day 2/broken.mp4.log)"
