@@ -134,8 +134,8 @@ inline int sensorBoxes(const uint8_t* data, size_t size)
 
     const uint32_t first = static_cast<uint32_t>(size % 5), count = static_cast<uint32_t>(1 + size % 13);
     // The cut the rebuild makes of each QDTD and QDTC box it carries.
-    for (const auto& [type, record] : {std::pair{"moov.udta.QDTD", 16u}, std::pair{"moov.udta.QDTC", 24u}})
-        c.find(type, [&](MP4::BOX& b) {
+    for (const auto& [type, recordSize] : {std::pair{"moov.udta.QDTD", 16u}, std::pair{"moov.udta.QDTC", 24u}})
+        c.find(type, [&, record = recordSize](MP4::BOX& b) {
             ByteArray bytes;
             if (c.readBox(b, 1 << 20, bytes))
                 SensorStream::trimSensorBox(bytes.data, bytes.length, record, first, count);
@@ -205,6 +205,40 @@ inline int options(const uint8_t* data, size_t size)
     return 0;
 }
 
+// The input is a source movie, converted as the run flow does: a
+// metadata-only conversion (read, a new view for some inputs, the rebuild and
+// its one write) into a file of its own, then the same bytes taken as a fresh
+// encode, rebuilt in place from the source with its spatial data cut.
+inline int convert(const uint8_t* data, size_t size)
+{
+    const Bytes bytes(data, data + size);
+    const std::wstring& source = memoryFile(bytes);
+    const std::wstring out = L"out.mp4", encoded = L"encoded.mp4";
+    {
+        MetaBuilder meta("fuzz", "0", false);
+        meta.readMeta(source, false);
+        if (size % 3 != 0) {
+            ViewHeading asked;
+            asked.heading = 190.0f;
+            asked.pitch = -20.0f;
+            meta.attach(asked, size % 3 == 1);
+        }
+        meta.updateMeta(source, &out, true);
+    }
+    FILE* f = fopen("encoded.mp4", "wb");
+    if (f == nullptr || fwrite(bytes.data(), 1, size, f) != size || fclose(f) != 0)
+        std::abort();
+    {
+        MetaBuilder meta("fuzz", "0", false);
+        meta.readMeta(source, true);
+        meta.readSpatialData(source, size % 2 ? 0.0 : 0.25, size % 5 ? -1.0 : 0.4);
+        meta.updateMeta(encoded, nullptr, true);
+    }
+    unlink("out.mp4");
+    unlink("encoded.mp4");
+    return 0;
+}
+
 struct Target {
     const char* name;
     int (*run)(const uint8_t*, size_t);
@@ -214,6 +248,7 @@ struct Target {
 inline const Target kTargets[] = {
     {"boxtree", boxTree}, {"makernote", makerNote}, {"avcc", avcc},
     {"sensor", sensorBoxes}, {"xml", xml},           {"options", options},
+    {"convert", convert},
 };
 
 } // namespace fuzz

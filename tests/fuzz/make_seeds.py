@@ -5,7 +5,8 @@
 
 writes OUTDIR/<harness>/<name> for every harness of FuzzTargets.h. The
 movies are small (192x96, half a second) and their media data is cut to a few
-bytes, so that every seed stays small; the box structure is kept whole.
+bytes, so that every seed stays small; the box structure is kept whole. The
+conversion's seeds are the whole movies.
 """
 
 import sys
@@ -60,6 +61,7 @@ def main(out):
         if not movie.exists():
             mm.make_movie(movie, options + ["--size", "192x96", "--duration", "0.5", "--thumb-size", "4096"])
         found += [(h, name + suffix, data) for h, suffix, data in seeds(mm.parse_boxes(movie.read_bytes()))]
+        found.append(("convert", name, movie.read_bytes()))  # whole, so that its first frame decodes
     for harness, name, data in found:
         (out / harness).mkdir(parents=True, exist_ok=True)
         (out / harness / name).write_bytes(data)

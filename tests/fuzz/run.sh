@@ -11,13 +11,14 @@ here="$(cd "$(dirname "$0")" && pwd)"
 build="$(cd "$1" && pwd)"  # absolute: the harnesses change their working folder
 seconds="${2:-60}"
 shift $(( $# >= 2 ? 2 : $# ))
-[ $# -gt 0 ] || set -- boxtree makernote avcc sensor xml options
+[ $# -gt 0 ] || set -- boxtree makernote avcc sensor xml options convert
 failed=0
 mkdir -p "$build/logs"
 for h in "$@"; do
   # Longest input: whole (media-less) movies for the box tree, long texts for
-  # the XML readers, small records elsewhere.
-  case "$h" in boxtree) max=65536 ;; xml) max=262144 ;; sensor) max=16384 ;; *) max=4096 ;; esac
+  # the XML readers and whole small movies for the conversion, small records
+  # elsewhere.
+  case "$h" in boxtree) max=65536 ;; xml | convert) max=262144 ;; sensor) max=16384 ;; *) max=4096 ;; esac
   corpus="$build/corpus/$h" crashes="$build/crashes/$h" log="$build/logs/$h.log"
   mkdir -p "$corpus" "$crashes" "$build/seeds/$h"
   dirs=("$corpus" "$build/seeds/$h")
