@@ -213,7 +213,14 @@ inline int convert(const uint8_t* data, size_t size)
 {
     const Bytes bytes(data, data + size);
     const std::wstring& source = memoryFile(bytes);
-    const std::wstring out = L"out.mp4", encoded = L"encoded.mp4";
+    static const std::string dir = [] {
+        char folder[] = "/tmp/resize-fuzz-convert-XXXXXX";
+        if (mkdtemp(folder) == nullptr)
+            std::abort();
+        return std::string(folder);
+    }();
+    const std::string outPath = dir + "/out.mp4", encodedPath = dir + "/encoded.mp4";
+    const std::wstring out = GLTK::wchar::mbs2wcs(outPath), encoded = GLTK::wchar::mbs2wcs(encodedPath);
     {
         MetaBuilder meta("fuzz", "0", false);
         meta.readMeta(source, false);
@@ -225,7 +232,7 @@ inline int convert(const uint8_t* data, size_t size)
         }
         meta.updateMeta(source, &out, true);
     }
-    FILE* f = fopen("encoded.mp4", "wb");
+    FILE* f = fopen(encodedPath.c_str(), "wb");
     if (f == nullptr || fwrite(bytes.data(), 1, size, f) != size || fclose(f) != 0)
         std::abort();
     {
@@ -234,8 +241,8 @@ inline int convert(const uint8_t* data, size_t size)
         meta.readSpatialData(source, size % 2 ? 0.0 : 0.25, size % 5 ? -1.0 : 0.4);
         meta.updateMeta(encoded, nullptr, true);
     }
-    unlink("out.mp4");
-    unlink("encoded.mp4");
+    unlink(outPath.c_str());
+    unlink(encodedPath.c_str());
     return 0;
 }
 

@@ -8,6 +8,8 @@
 
 namespace {
 constexpr uint64_t kMaxMakerNote = 16 << 20;
+// The camera's thumbnail is a small JPEG, redrawn in a box of its size.
+constexpr uint64_t kMaxThumbnail = 16 << 20;
 // Sensor streams of hours of recording stay far below this.
 constexpr uint64_t kMaxSensorBox = 256ull << 20;
 } // namespace
@@ -63,6 +65,12 @@ void CameraUdta::redrawThumbnail(const MP4::BOX& box, unsigned file, const std::
                                  MP4::EditPlan& plan) const
 {
     const uint64_t n = box.payloadSize();
+    // Readers skip a box they do not know; a stale thumbnail would lie. One
+    // too large to be a thumbnail is not read nor held either.
+    if (n > kMaxThumbnail) {
+        plan.patch(file, box.start + 4, ByteArray("free", 4));
+        return;
+    }
     ByteArray payload;
     payload.resize(n);
     ByteArray jpeg;
@@ -70,7 +78,6 @@ void CameraUdta::redrawThumbnail(const MP4::BOX& box, unsigned file, const std::
     if (thumbnailer.saveFrame(jpeg, 640, static_cast<size_t>(n)) && jpeg.length <= n) {
         std::memcpy(payload.data, jpeg.data, static_cast<size_t>(jpeg.length));
     } else {
-        // Readers skip a box they do not know; a stale thumbnail would lie.
         plan.patch(file, box.start + 4, ByteArray("free", 4));
     }
     plan.patch(file, box.payloadStart(), std::move(payload));
