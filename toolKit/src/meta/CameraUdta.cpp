@@ -65,22 +65,16 @@ void CameraUdta::redrawThumbnail(const MP4::BOX& box, unsigned file, const std::
                                  MP4::EditPlan& plan) const
 {
     const uint64_t n = box.payloadSize();
-    // Readers skip a box they do not know; a stale thumbnail would lie. One
-    // too large to be a thumbnail is not read nor held either.
-    if (n > kMaxThumbnail) {
-        plan.patch(file, box.start + 4, ByteArray("free", 4));
+    // The new JPEG, padded to the box's size; a box too large to be a
+    // thumbnail is neither read nor redrawn.
+    ByteArray jpeg;
+    if (n <= kMaxThumbnail && Thumbnailer(mediaPath).saveFrame(jpeg, 640, static_cast<size_t>(n)) && jpeg.length <= n) {
+        jpeg.resize(n); // zero-filled behind the JPEG
+        plan.patch(file, box.payloadStart(), std::move(jpeg));
         return;
     }
-    ByteArray payload;
-    payload.resize(n);
-    ByteArray jpeg;
-    Thumbnailer thumbnailer(mediaPath);
-    if (thumbnailer.saveFrame(jpeg, 640, static_cast<size_t>(n)) && jpeg.length <= n) {
-        std::memcpy(payload.data, jpeg.data, static_cast<size_t>(jpeg.length));
-    } else {
-        plan.patch(file, box.start + 4, ByteArray("free", 4));
-    }
-    plan.patch(file, box.payloadStart(), std::move(payload));
+    // Readers skip a box they do not know; a stale thumbnail would lie.
+    plan.patch(file, box.start + 4, ByteArray("free", 4));
 }
 
 void CameraUdta::trimSensorBox(const MP4::Container& camera, const MP4::BOX& box, unsigned recordSize,
