@@ -117,8 +117,8 @@ void showGPS(const MP4::Container& c, const SourceMetadata& found)
     const wchar_t* from = nullptr;
     if (found.hasXyz) {
         from = L"@xyz";
-    } else if (const MP4::BOX* box = c.first("moov.udta.\xA9xyz")) {
-        gps.attachRXYZ(static_cast<const MP4::XYZ*>(box)->text.c_str());
+    } else if (const MP4::XYZ* box = c.first<MP4::XYZ>("moov.udta.\xA9xyz")) {
+        gps.attachRXYZ(box->text.c_str());
         from = L"\x00A9xyz";
     }
     if (from == nullptr && !gps.hasDirection) {

@@ -75,8 +75,8 @@ void MetaProbe::readCodec(MP4::Container& c)
         codec = 1;
         GLTK::Console::out(L"H.264 detected.\n");
     }
-    c.find("moov.trak.mdia.minf.stbl.stsd", [&](MP4::BOX& stsd) {
-        for (MP4::BOX* e : static_cast<MP4::NestedBox&>(stsd).children) {
+    c.find<MP4::STSD>("moov.trak.mdia.minf.stbl.stsd", [&](MP4::STSD& stsd) {
+        for (MP4::BOX* e : stsd.children) {
             if (e->is("hvc1")) {
                 codec = 2;
                 GLTK::Console::out(L"H.265/HEVC detected(hvc1).\n");
@@ -105,12 +105,11 @@ void MetaProbe::detect_movie(const std::wstring& path)
 
 void MetaProbe::detectBitRate(MP4::Container& c)
 {
-    if (MP4::BOX* m = c.first("moov.mvhd"))
-        duration = static_cast<float>(static_cast<MP4::MVHD*>(m)->seconds());
-    c.find("moov.trak", [&](MP4::BOX& trak) {
-        auto& t = static_cast<MP4::NestedBox&>(trak);
-        auto* tkhd = static_cast<MP4::TKHD*>(t.first("tkhd"));
-        auto* stsz = static_cast<MP4::STSZ*>(t.first("mdia.minf.stbl.stsz"));
+    if (const MP4::MVHD* m = c.first<MP4::MVHD>("moov.mvhd"))
+        duration = static_cast<float>(m->seconds());
+    c.find<MP4::TRAK>("moov.trak", [&](MP4::TRAK& t) {
+        auto* tkhd = t.first<MP4::TKHD>("tkhd");
+        auto* stsz = t.first<MP4::STSZ>("mdia.minf.stbl.stsz");
         bool video = tkhd != nullptr && tkhd->width >= 1;
         float rate = static_cast<float>(stsz ? stsz->totalBytes : 0) * 8.0f / duration;
         if (video && videoBitRate == 0)

@@ -193,12 +193,43 @@ bool FileIO::rename(const std::wstring& from, const std::wstring& to)
     return ::rename(toNative(from).c_str(), toNative(to).c_str()) == 0;
 }
 
+namespace {
+
+// What a path names: the file where one is there (through links), else the
+// name within the folder that would hold it.
+struct Identity {
+    bool known = false, exists = false;
+    dev_t device = 0;
+    ino_t inode = 0;
+    std::string name;
+    bool operator==(const Identity& o) const
+    {
+        return known && o.known && exists == o.exists && device == o.device && inode == o.inode && name == o.name;
+    }
+};
+
+Identity identityOf(const std::string& path)
+{
+    Identity id;
+    struct stat st {};
+    if (::stat(path.c_str(), &st) == 0) {
+        id.known = id.exists = true;
+    } else {
+        const size_t slash = path.find_last_of('/');
+        const std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+        id.name = slash == std::string::npos ? path : path.substr(slash + 1);
+        id.known = !id.name.empty() && ::stat(folder.c_str(), &st) == 0;
+    }
+    id.device = st.st_dev;
+    id.inode = st.st_ino;
+    return id;
+}
+
+} // namespace
+
 bool FileIO::sameFile(const std::wstring& a, const std::wstring& b)
 {
-    struct stat sa, sb;
-    if (::stat(toNative(a).c_str(), &sa) != 0 || ::stat(toNative(b).c_str(), &sb) != 0)
-        return false;
-    return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+    return identityOf(toNative(a)) == identityOf(toNative(b));
 }
 
 bool FileIO::unlink(const std::wstring& path)

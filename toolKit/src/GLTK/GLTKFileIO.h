@@ -34,10 +34,11 @@ public:
     static bool open(const std::wstring& path, const std::function<void(FileIO&)>& action);
     static bool rename(const std::wstring& from, const std::wstring& to);
     static bool unlink(const std::wstring& path);
-    // Both paths name one file (links and other spellings included).
+    // Both paths name one file (links and other spellings included), or the
+    // same new name in one folder when there is no file there yet.
     static bool sameFile(const std::wstring& a, const std::wstring& b);
 
-    // The multibyte form of a path, cut at 2048 bytes.
+    // The multibyte form of a path, whole.
     static std::string toNative(const std::wstring& path);
 
     int descriptor = 0;

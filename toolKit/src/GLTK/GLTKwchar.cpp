@@ -54,9 +54,21 @@ std::string wcs2mbs(const std::wstring& text)
 
 std::string narrow(const std::wstring& text)
 {
-    std::string s = wcs2mbs(text);
-    s.resize(strnlen(s.c_str(), s.size()));
-    return s;
+    // Paths go through here on their way to the system: a cut path would
+    // name another file, so the whole text is converted, as far as its first
+    // character that has no multibyte form.
+    std::string out;
+    std::mbstate_t st{};
+    char buf[MB_LEN_MAX];
+    for (wchar_t c : text) {
+        if (c == L'\0')
+            break;
+        size_t k = wcrtomb(buf, c, &st);
+        if (k == static_cast<size_t>(-1))
+            break;
+        out.append(buf, k);
+    }
+    return out;
 }
 
 } // namespace wchar

@@ -13,7 +13,8 @@ std::wstring mbs2wcs(const char* text);
 // The result keeps a length of min(6 * characters, 2048) bytes; the text ends
 // at its first zero byte (use c_str()). See narrow() for a trimmed copy.
 std::string wcs2mbs(const std::wstring& text);
-// wcs2mbs, trimmed at the first zero byte.
+// The multibyte form of a whole text (a path), never cut: up to its first
+// zero or its first character that has no multibyte form.
 std::string narrow(const std::wstring& text);
 
 } // namespace wchar

@@ -146,9 +146,9 @@ void MetaBuilder::updateSphereXML(const MP4::Container& c, bool inPlace)
 {
     if (sphericalXml.empty()) {
         uint32_t width = 0, height = 0;
-        if (MP4::BOX* t = c.first("moov.trak.tkhd")) {
-            width = static_cast<MP4::TKHD*>(t)->width;
-            height = static_cast<MP4::TKHD*>(t)->height;
+        if (const MP4::TKHD* t = c.first<MP4::TKHD>("moov.trak.tkhd")) {
+            width = t->width;
+            height = t->height;
         }
         if ((!inPlace && projectionType == 2) || height < 1 || width != 2 * height) {
             GLTK::Console::out(L"MP4: Not a spherical video.\n");

@@ -40,7 +40,7 @@ bool NewerCameraWriter::build(const MP4::Container& movie, MP4::EditPlan& plan, 
 bool NewerCameraWriter::carryUdta(const MP4::Container& movie, const MP4::Container& camera, unsigned cameraFile,
                                   MP4::EditPlan& plan)
 {
-    const MP4::BOX* udta = camera.first("moov.udta");
+    const MP4::UDTA* udta = camera.first<MP4::UDTA>("moov.udta");
     if (udta == nullptr)
         return false;
     if (!udta->isWhole(camera.length()) || udta->largesize) {
@@ -48,7 +48,7 @@ bool NewerCameraWriter::carryUdta(const MP4::Container& movie, const MP4::Contai
         return false;
     }
     CameraUdta edits(meta);
-    if (!edits.update(camera, cameraFile, static_cast<const MP4::NestedBox&>(*udta), movie.path, plan))
+    if (!edits.update(camera, cameraFile, *udta, movie.path, plan))
         return false;
     // The movie's own udta already is the camera's in a metadata-only run.
     if (cameraFile == 0)

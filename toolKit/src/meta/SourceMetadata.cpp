@@ -17,8 +17,8 @@ bool SourceMetadata::read(const MP4::Container& c)
     if (!c.root)
         return false;
 
-    if (const MP4::BOX* m = c.first("moov.mvhd"))
-        creationTime = static_cast<const MP4::MVHD*>(m)->creationTime;
+    if (const MP4::MVHD* m = c.first<MP4::MVHD>("moov.mvhd"))
+        creationTime = m->creationTime;
 
     const MP4::BOX* mod = c.first("moov.udta.@mod");
     if (mod != nullptr && mod->size > 8 && c.readPayload(*mod, kMaxText, modelText)) {
@@ -44,8 +44,7 @@ bool SourceMetadata::read(const MP4::Container& c)
     if (makerNote == MakerNote::Read && !std::isnan(orvex.heading))
         gps.attachCompass(static_cast<double>(orvex.heading));
 
-    c.find("uuid", [&](MP4::BOX& b) {
-        const auto& u = static_cast<const MP4::UUID&>(b);
+    c.find<MP4::UUID>("uuid", [&](MP4::UUID& u) {
         if (u.hasUserType(MP4::XMP::_UUID) && !hasXmp) {
             hasXmp = true;
             xmp = u.payload.toString();
@@ -67,8 +66,7 @@ bool SourceMetadata::read(const MP4::Container& c)
     }
 
     if (c.videoTrack != nullptr)
-        static_cast<const MP4::NestedBox&>(*c.videoTrack).find("uuid", [&](MP4::BOX& b) {
-            const auto& u = static_cast<const MP4::UUID&>(b);
+        c.videoTrack->find<MP4::UUID>("uuid", [&](MP4::UUID& u) {
             if (!u.hasUserType(MP4::SphericalXML::_UUID))
                 return true;
             hasSphericalXml = true;
@@ -77,18 +75,19 @@ bool SourceMetadata::read(const MP4::Container& c)
         });
 
     if (c.videoTrack != nullptr)
-        static_cast<const MP4::NestedBox&>(*c.videoTrack).find("mdia.minf.stbl.stsd", [&](MP4::BOX& stsd) {
-            for (const MP4::BOX* entry : static_cast<const MP4::NestedBox&>(stsd).children) {
-                const auto* e = dynamic_cast<const MP4::VisualSampleEntry*>(entry);
-                const auto* sv3d = e != nullptr ? dynamic_cast<const MP4::SV3D*>(e->first("sv3d")) : nullptr;
-                if (sv3d == nullptr || !sv3d->complete())
+        c.videoTrack->find<MP4::STSD>("mdia.minf.stbl.stsd", [&](MP4::STSD& stsd) {
+            for (const MP4::BOX* entry : stsd.children) {
+                const auto* e = entry->as<MP4::VisualSampleEntry>();
+                const auto* sv3d = e != nullptr ? e->first<MP4::SV3D>("sv3d") : nullptr;
+                const auto* prhd = sv3d != nullptr ? sv3d->first<MP4::PRHD>("proj.prhd") : nullptr;
+                const auto* svhd = sv3d != nullptr ? sv3d->first<MP4::SVHD>("svhd") : nullptr;
+                if (!sv3d || !sv3d->complete() || prhd == nullptr || svhd == nullptr)
                     continue;
-                const auto& prhd = static_cast<const MP4::PRHD&>(*sv3d->first("proj.prhd"));
                 hasV2 = true;
-                v2Yaw = prhd.yaw;
-                v2Pitch = prhd.pitch;
-                v2Roll = prhd.roll;
-                v2Source = static_cast<const MP4::SVHD&>(*sv3d->first("svhd")).metadataSource;
+                v2Yaw = prhd->yaw;
+                v2Pitch = prhd->pitch;
+                v2Roll = prhd->roll;
+                v2Source = svhd->metadataSource;
                 return false;
             }
             return false;

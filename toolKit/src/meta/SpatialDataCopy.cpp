@@ -4,27 +4,70 @@
 
 namespace SpatialDataCopy {
 
+namespace {
+
+// The udta's QDT9 box names the QADT box of the spatial data: its offset and
+// its size, 8 bytes each, after the box header.
+constexpr uint64_t kQdt9Size = 24;
+
+// Has the camera's QDT9 (if it has one) name the QADT box of the given size
+// that lands `addend` bytes from where the given input byte lands; a size of
+// 0 names none.
+void pointQdt9(const MP4::Container& camera, unsigned file, MP4::EditPlan::Position target, int64_t addend,
+               uint64_t size, MP4::EditPlan& plan)
+{
+    const MP4::BOX* qdt9 = camera.first("moov.udta.QDT9");
+    if (qdt9 == nullptr || qdt9->size < kQdt9Size || qdt9->clippedEnd(camera.length()) < qdt9->start + kQdt9Size)
+        return;
+    ByteArray fields;
+    fields.append64be(0);
+    fields.append64be(size);
+    if (size == 0) {
+        plan.dropOffsets(file, qdt9->start + 8);
+    } else {
+        MP4::EditPlan::Offsets pointer;
+        pointer.at = qdt9->start + 8;
+        pointer.count = 1;
+        pointer.width = 8;
+        pointer.pointer = true;
+        pointer.target = target;
+        pointer.addend = addend;
+        pointer.owner = "QDT9";
+        plan.setOffsets(file, pointer);
+    }
+    plan.patch(file, qdt9->start + 8, std::move(fields));
+}
+
+} // namespace
+
 bool carry(const MP4::Container& movie, const MP4::Container& camera, unsigned file, const MP4::SpatialSound& sound,
            MP4::EditPlan& plan)
 {
     const MP4::BOX* box = camera.spatialData();
-    if (box == nullptr)
+    const MP4::BOX* qadt = camera.spatialChild("uuid.QADT");
+    if (box == nullptr || qadt == nullptr) {
+        pointQdt9(camera, file, {}, 0, 0, plan);
         return true;
-    // Already in the movie (a metadata-only run): it goes along with the
-    // rest, and the remap repoints it wherever it lands.
-    if (const MP4::BOX* own = movie.spatialData(); own != nullptr && plan.keeps(*own))
-        return true;
-    if (!box->isWhole(camera.length()))
-        return false;
-    if (!sound.trimmed) {
-        plan.append({MP4::EditPlan::range(file, box->start, box->size)});
+    }
+    // The movie already holds it (a metadata-only run): it goes along with
+    // the rest, unless the recording was cut short inside it.
+    const MP4::BOX* own = movie.spatialData();
+    const bool carried = own != nullptr && plan.keeps(*own);
+    if (!box->isWhole(camera.length()) || box->largesize) {
+        GLTK::Console::out(L"MP4: the spatial data of %ls is cut short; it is left out.\n", camera.path.c_str());
+        pointQdt9(camera, file, {}, 0, 0, plan);
+        return !carried || plan.remove(L"trimSpatialData", *own);
+    }
+    if (carried || !sound.trimmed) {
+        if (!carried)
+            plan.append({MP4::EditPlan::range(file, box->start, box->size)});
+        pointQdt9(camera, file, {file, qadt->start}, 0, qadt->size, plan);
         return true;
     }
 
     // uuid header and user type, the QADT header, the kept payload, then
     // the rebuilt track; the new box keeps 32-bit sizes.
-    const MP4::BOX* qadt = camera.spatialChild("uuid.QADT");
-    if (qadt == nullptr || sound.endByte < sound.startByte)
+    if (sound.endByte < sound.startByte)
         return false;
     const uint64_t kept = sound.endByte - sound.startByte;
     const uint64_t from = sound.payloadStart + sound.startByte;
@@ -45,24 +88,8 @@ bool carry(const MP4::Container& movie, const MP4::Container& camera, unsigned f
     chunks.owner = "co64";
     plan.append({MP4::EditPlan::bytes(std::move(head)), MP4::EditPlan::range(file, from, kept),
                  MP4::EditPlan::bytes(sound.buffer, {chunks})});
-
-    // QDT9 names the new QADT box, 8 bytes before the kept payload, and its
-    // new size.
-    if (const MP4::BOX* qdt9 = camera.first("moov.udta.QDT9"); qdt9 != nullptr &&
-                                                                qdt9->clippedEnd(camera.length()) >= qdt9->start + 24) {
-        MP4::EditPlan::Offsets pointer;
-        pointer.at = qdt9->start + 8;
-        pointer.count = 1;
-        pointer.width = 8;
-        pointer.pointer = true;
-        pointer.target = {file, from};
-        pointer.addend = -8;
-        pointer.owner = "QDT9";
-        plan.setOffsets(file, pointer);
-        ByteArray size;
-        size.append64be(kept + 8);
-        plan.patch(file, qdt9->start + 16, std::move(size));
-    }
+    // The new QADT box begins 8 bytes before the kept payload.
+    pointQdt9(camera, file, {file, from}, -8, kept + 8, plan);
     return true;
 }
 

@@ -64,6 +64,8 @@ NestedBox::~NestedBox()
 void NestedBox::parseChildren(BinFile& file, uint64_t end)
 {
     const uint64_t myEnd = std::min(this->start + this->size, end);
+    childrenRead = true;
+    childrenAt = file.position;
     if (depth + 1 > kMaxDepth)
         return;
     file.limit = myEnd;
@@ -106,7 +108,8 @@ void NestedBox::find(const char* path, const std::function<bool(BOX&)>& visit) c
             if (!visit(*child))
                 return;
         } else if (next == '.' && child->hasChild()) {
-            static_cast<NestedBox*>(child)->find(path + 5, visit);
+            if (const NestedBox* nested = child->as<NestedBox>())
+                nested->find(path + 5, visit);
         }
     }
 }
@@ -136,6 +139,20 @@ void NestedBoxWithVersion::parseBox(BinFile& file, uint64_t end)
     file.limit = std::min(start + size, end);
     versionFlags = file.read32();
     parseChildren(file, end);
+}
+
+void META::parseBox(BinFile& file, uint64_t end)
+{
+    file.limit = std::min(start + size, end);
+    const uint64_t body = file.position;
+    uint8_t head[8];
+    if (file.readBytes(head, 8) && std::memcmp(head + 4, "hdlr", 4) == 0) {
+        file.seek_set(static_cast<int64_t>(body));
+        parseChildren(file, end);
+        return;
+    }
+    file.seek_set(static_cast<int64_t>(body));
+    NestedBoxWithVersion::parseBox(file, end);
 }
 
 // ---------------------------------------------------------------- factory

@@ -43,6 +43,9 @@ public:
     bool isWhole(uint64_t fileLength) const { return clippedEnd(fileLength) == end(); }
     // True when this box is `other` or lies inside it (through parent links).
     bool isInside(const BOX& other) const;
+    // This box as class T, or null when it was not read as one.
+    template <class T> const T* as() const { return dynamic_cast<const T*>(this); }
+    template <class T> T* as() { return dynamic_cast<T*>(this); }
 
     int depth = 0;
     uint64_t start = 0;
@@ -88,11 +91,37 @@ public:
     void find(const char* path, const std::function<bool(BOX&)>& visit) const;
     // The first match, or null.
     BOX* first(const char* path) const;
+    // The same, typed: only the matches that really are of class T (a box
+    // with the right name that could not be read as one was kept as a plain
+    // box, and is passed over).
+    template <class T> void find(const char* path, const std::function<bool(T&)>& visit) const
+    {
+        find(path, [&](BOX& b) {
+            T* typed = dynamic_cast<T*>(&b);
+            return typed == nullptr || visit(*typed);
+        });
+    }
+    template <class T> T* first(const char* path) const
+    {
+        // An inner search that stops does not stop the outer levels: keep
+        // the first box met.
+        T* found = nullptr;
+        find<T>(path, [&](T& b) {
+            if (found == nullptr)
+                found = &b;
+            return false;
+        });
+        return found;
+    }
     // Where new children go: behind the last child, or at the start of the
     // payload when there is none.
     uint64_t endOfChildren() const;
 
     std::vector<BOX*> children;
+    // Whether the children were read, and where the first one begins (after
+    // the box's own fields). A box too short for its own fields has none.
+    bool childrenRead = false;
+    uint64_t childrenAt = 0;
 
 protected:
     void parseChildren(BinFile& file, uint64_t end);
@@ -121,9 +150,12 @@ MP4_NESTED(STBL)
 MP4_NESTED(UDTA)
 #undef MP4_NESTED
 
+// A meta box: a full box (ISO), or QuickTime's form without version and
+// flags, told apart by its first child, hdlr, starting right after the header.
 class META : public NestedBoxWithVersion {
 public:
     using NestedBoxWithVersion::NestedBoxWithVersion;
+    void parseBox(BinFile& file, uint64_t end) override;
     BOX* allocChild(BOX& header) override;
 };
 

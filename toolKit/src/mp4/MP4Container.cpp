@@ -33,12 +33,14 @@ void Container::parse(BinFile& file, uint64_t limit)
     root->size = std::min(file.length(), limit);
     file.seek_set(0);
     root->parseBox(file, limit);
-    moov = mdat = videoTrack = nullptr;
-    moov = root->first("moov");
+    moov = nullptr;
+    mdat = nullptr;
+    videoTrack = nullptr;
+    moov = root->first<MOOV>("moov");
     mdat = root->first("mdat");
-    root->find("moov.trak", [&](BOX& trak) {
-        static_cast<NestedBox&>(trak).find("tkhd", [&](BOX& b) {
-            if (static_cast<TKHD&>(b).width >= 1)
+    root->find<TRAK>("moov.trak", [&](TRAK& trak) {
+        trak.find<TKHD>("tkhd", [&](TKHD& tkhd) {
+            if (tkhd.width >= 1)
                 videoTrack = &trak;
             return true;
         });
@@ -164,14 +166,14 @@ void Container::updateTimeStamp(EditPlan& plan, uint64_t t) const
             field.append32be(static_cast<uint32_t>(t));
         plan.patch(0, b.start + kCreationTimeAt, std::move(field));
     };
-    if (BOX* m = first("moov.mvhd"))
-        writeAt(*m, static_cast<MVHD*>(m)->version);
-    find("moov.trak.tkhd", [&](BOX& b) {
-        writeAt(b, static_cast<TKHD&>(b).version);
+    if (const MVHD* m = first<MVHD>("moov.mvhd"))
+        writeAt(*m, m->version);
+    find<TKHD>("moov.trak.tkhd", [&](TKHD& b) {
+        writeAt(b, b.version);
         return true;
     });
-    find("moov.trak.mdia.mdhd", [&](BOX& b) {
-        writeAt(b, static_cast<MDHD&>(b).version);
+    find<MDHD>("moov.trak.mdia.mdhd", [&](MDHD& b) {
+        writeAt(b, b.version);
         return true;
     });
 }
@@ -180,13 +182,12 @@ bool Container::replaceUdta(EditPlan& plan, EditPlan::Pieces udta) const
 {
     if (moov == nullptr)
         return false;
-    const NestedBox& m = static_cast<const NestedBox&>(*moov);
-    const BOX* old = m.first("udta");
+    const BOX* old = moov->first("udta");
     if (old != nullptr && plan.keeps(*old))
         return plan.replace(L"replaceUdta_Replace", *old, std::move(udta));
-    if (m.children.size() < 3)
+    if (moov->children.size() < 3)
         return false;
-    return plan.insert(L"replaceUdta_Append", m, m.endOfChildren(), std::move(udta));
+    return plan.insert(L"replaceUdta_Append", *moov, moov->endOfChildren(), std::move(udta));
 }
 
 } // namespace MP4

@@ -28,6 +28,13 @@ public:
     void parse(BinFile& file, uint64_t limit);
     void find(const char* path, const std::function<bool(BOX&)>& visit) const;
     BOX* first(const char* path) const;
+    // Typed: only the matches that really are of class T.
+    template <class T> void find(const char* path, const std::function<bool(T&)>& visit) const
+    {
+        if (root)
+            root->find<T>(path, visit);
+    }
+    template <class T> T* first(const char* path) const { return root ? root->first<T>(path) : nullptr; }
     bool open(const std::function<void(GLTK::FileIO&)>& action) const;
     // The length of the parsed file.
     uint64_t length() const { return root ? root->size : 0; }
@@ -74,9 +81,9 @@ public:
 
     std::wstring path;
     std::unique_ptr<ROOT> root;
-    BOX* moov = nullptr;
+    MOOV* moov = nullptr;
     BOX* mdat = nullptr;
-    BOX* videoTrack = nullptr;
+    TRAK* videoTrack = nullptr;
 
 private:
     bool appendUUIDOnce(EditPlan& plan, const UUID& box, const wchar_t* existedMessage) const;

@@ -13,7 +13,8 @@ bool Container::appendUUIDOnce(EditPlan& plan, const UUID& box, const wchar_t* e
 {
     bool present = false;
     find("uuid", [&](BOX& b) {
-        present = static_cast<UUID&>(b).hasUserType(box.userType) && plan.keeps(b);
+        const UUID* u = b.as<UUID>();
+        present = u != nullptr && u->hasUserType(box.userType) && plan.keeps(b);
         return !present;
     });
     if (present) {
@@ -40,8 +41,8 @@ void Container::build_sphericalVideoXmlBOX(const EditPlan& plan, BOX*& existing,
                                            const std::string& xml) const
 {
     existing = nullptr;
-    find("moov.trak.uuid", [&](BOX& b) {
-        if (static_cast<UUID&>(b).hasUserType(SphericalXML::_UUID) && plan.keeps(b))
+    find<UUID>("moov.trak.uuid", [&](UUID& b) {
+        if (b.hasUserType(SphericalXML::_UUID) && plan.keeps(b))
             existing = &b; // the last one wins
         return true;
     });
@@ -59,8 +60,7 @@ bool Container::appendSphericalVideoXML(EditPlan& plan, const std::string& xml) 
     // child; the track and moov grow over it.
     if (existing != nullptr)
         return plan.replace(L"appendSphericalVideoXML", *existing, {EditPlan::bytes(std::move(bytes))});
-    const NestedBox& track = static_cast<const NestedBox&>(*videoTrack);
-    return plan.insert(L"appendSphericalVideoXML", track, track.end(), {EditPlan::bytes(std::move(bytes))});
+    return plan.insert(L"appendSphericalVideoXML", *videoTrack, videoTrack->end(), {EditPlan::bytes(std::move(bytes))});
 }
 
 // ---------------------------------------------------------------- Spherical Video V2
@@ -69,7 +69,7 @@ bool Container::appendSphericalVideoV2(EditPlan& plan, const std::string& source
 {
     if (videoTrack == nullptr)
         return true;
-    const auto* stsd = static_cast<const NestedBox*>(static_cast<const NestedBox&>(*videoTrack).first("mdia.minf.stbl.stsd"));
+    const STSD* stsd = videoTrack->first<STSD>("mdia.minf.stbl.stsd");
     const VisualSampleEntry* entry = nullptr;
     for (const BOX* b : stsd != nullptr ? stsd->children : std::vector<BOX*>())
         if ((entry = dynamic_cast<const VisualSampleEntry*>(b)) != nullptr)
@@ -114,13 +114,12 @@ bool Container::appendGpsMeta(EditPlan& plan, unsigned file, uint64_t offset, ui
 {
     if (moov == nullptr)
         return false;
-    const NestedBox& m = static_cast<const NestedBox&>(*moov);
-    const BOX* meta = m.first("meta");
+    const BOX* meta = moov->first("meta");
     if (meta != nullptr && plan.keeps(*meta)) {
         GLTK::Console::out(L"MP4: moov.meta(GPS) is existed.\n");
         return true;
     }
-    return plan.insert(L"appendGPSMeta", m, m.endOfChildren(), {EditPlan::range(file, offset, length)});
+    return plan.insert(L"appendGPSMeta", *moov, moov->endOfChildren(), {EditPlan::range(file, offset, length)});
 }
 
 } // namespace MP4

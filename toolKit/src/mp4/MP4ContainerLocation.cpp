@@ -46,8 +46,10 @@ bool Container::appendLocationAndSphericalVideoXML(EditPlan& plan, const GPSInfo
     ByteArray locations;
     if (!build_locationBOX(plan, udta, locations, gps))
         return true;
-    const NestedBox& into = static_cast<const NestedBox&>(udta != nullptr ? *udta : *moov);
-    return plan.insert(L"appendLocationAndSphericalVideoXML", into, into.endOfChildren(),
+    const NestedBox* into = udta != nullptr ? udta->as<NestedBox>() : moov;
+    if (into == nullptr)
+        return false;
+    return plan.insert(L"appendLocationAndSphericalVideoXML", *into, into->endOfChildren(),
                        {EditPlan::bytes(std::move(locations))});
 }
 
@@ -57,10 +59,11 @@ bool Container::removeBadLOCI(EditPlan& plan) const
         return true;
     bool ok = true;
     find("moov.udta.loci", [&](BOX& b) {
-        const LOCI& loci = static_cast<const LOCI&>(b);
-        // A box that claims to run past its parent is malformed as well.
-        if (!loci.isWhole(length()) || !loci.isGood())
-            ok = plan.remove(L"removeBadLOCI", loci) && ok;
+        // A box that claims to run past its parent is malformed as well, as
+        // is one that could not be read as a location at all.
+        const LOCI* loci = b.as<LOCI>();
+        if (!b.isWhole(length()) || loci == nullptr || !loci->isGood())
+            ok = plan.remove(L"removeBadLOCI", b) && ok;
         return true;
     });
     return ok;

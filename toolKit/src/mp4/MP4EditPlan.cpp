@@ -3,7 +3,9 @@
 #include "GLTKCancel.h"
 #include "GLTKConsole.h"
 #include "GLTKwchar.h"
+#include "GLTKPendingFile.h"
 #include "MP4Container.h"
+#include "MP4MovieCheck.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -112,8 +114,7 @@ void EditPlan::registerOffsets(unsigned file, const Container& c)
     const uint64_t length = c.length();
     for (const std::string prefix : {"moov.trak.mdia.minf.stbl.", "uuid.QATR.mdia.minf.stbl."})
         for (const char* code : {"stco", "co64"})
-            c.find((prefix + code).c_str(), [&](BOX& b) {
-                const STCO& t = static_cast<const STCO&>(b);
+            c.find<STCO>((prefix + code).c_str(), [&](STCO& t) {
                 if (uint64_t n = t.entriesInBox(length))
                     inputs[file].offsets.push_back({t.firstEntry, n, t.entrySize(), file, false, {}, 0, code});
                 return true;
@@ -125,9 +126,14 @@ void EditPlan::registerOffsets(unsigned file, const Container& c)
 
 void EditPlan::setOffsets(unsigned file, const Offsets& o)
 {
+    dropOffsets(file, o.at);
+    inputs.at(file).offsets.push_back(o);
+}
+
+void EditPlan::dropOffsets(unsigned file, uint64_t at)
+{
     auto& list = inputs.at(file).offsets;
-    list.erase(std::remove_if(list.begin(), list.end(), [&](const Offsets& x) { return x.at == o.at; }), list.end());
-    list.push_back(o);
+    list.erase(std::remove_if(list.begin(), list.end(), [&](const Offsets& x) { return x.at == at; }), list.end());
 }
 
 // ---------------------------------------------------------------- edits
@@ -300,8 +306,11 @@ void EditPlan::layout()
         }
         put(range(0, pos, end - pos));
     }
-    if (tailStart < length)
-        put(range(0, tailStart, length - tailStart));
+    // Bytes behind the last box that are no box (a recording cut short
+    // inside a box header, padding) would leave the output unreadable there.
+    if (tailStart < length && cutShortNoted.insert(nullptr).second)
+        GLTK::Console::out(L"MP4: the last %llu bytes of %ls are not a box; they are left out.\n",
+                           static_cast<unsigned long long>(length - tailStart), inputs[0].path.c_str());
     for (const Piece& p : appended)
         put(p);
     total = out;
@@ -345,17 +354,26 @@ bool EditPlan::remap(std::map<unsigned, std::map<uint64_t, ByteArray>>& overlays
     for (auto& [where, bytes] : patches)
         overlay(overlays[where.file], where.offset, bytes.data, bytes.length);
 
-    // The size of every box on the path to a change, and of a box that ran
-    // to the end of the file but has something behind it now.
-    const bool lastIsOpen = !top.empty() && tailStart >= inputs[0].length && appended.empty();
+    // The size of every box on the path to a change, of a box that ran to
+    // the end of the file but has something behind it now, and of a box that
+    // the recording cut short: it is carried as far as it goes.
+    const uint64_t length = inputs[0].length;
+    const bool lastIsOpen = !top.empty() && appended.empty();
     std::map<const BOX*, int64_t> sizes = deltas;
-    for (const BOX* b : top)
-        if (b->openEnded && !(lastIsOpen && b == top.back()))
+    for (const BOX* b : top) {
+        const bool cutShort = !b->isWhole(length);
+        if ((b->openEnded && !(lastIsOpen && b == top.back())) || cutShort)
             sizes.emplace(b, 0);
+        if (cutShort && cutShortNoted.insert(b).second)
+            GLTK::Console::out(L"MP4: '%ls' at %llu is cut short in %ls; it is carried as far as it goes.\n",
+                               GLTK::wchar::mbs2wcs(b->typeText()).c_str(), static_cast<unsigned long long>(b->start),
+                               inputs[0].path.c_str());
+    }
     for (const auto& [box, delta] : sizes) {
         if (!keeps(*box))
             continue;
-        const uint64_t newSize = box->size + static_cast<uint64_t>(delta);
+        const uint64_t carried = box->isWhole(length) ? box->size : box->clippedEnd(length) - box->start;
+        const uint64_t newSize = carried + static_cast<uint64_t>(delta);
         uint8_t field[8];
         if (box->largesize) {
             put64be(field, newSize);
@@ -536,13 +554,18 @@ bool EditPlan::writeOut(const std::wstring& outputPath,
     };
 
     bool ok = true;
-    const std::wstring target = wroteInPlace ? inputs[0].path : outputPath + kTemporarySuffix;
     std::vector<std::unique_ptr<GLTK::FileIO>> files;
     for (unsigned f = 0; f < inputs.size(); ++f) {
         files.push_back(std::make_unique<GLTK::FileIO>(inputs[f].path, wroteInPlace && f == 0 ? 'a' : 'r'));
         if (!files.back()->isOpen())
             return cannotRead(inputs[f].path);
     }
+    // A copy is written under a temporary name beside the output, and takes
+    // the output's name only once it has been read back whole.
+    GLTK::PendingFile pending;
+    if (!wroteInPlace && !pending.create(outputPath, kTemporarySuffix))
+        return false;
+    const std::wstring& target = wroteInPlace ? inputs[0].path : pending.temporaryPath();
     {
         std::unique_ptr<GLTK::FileIO> made;
         if (!wroteInPlace) {
@@ -562,22 +585,30 @@ bool EditPlan::writeOut(const std::wstring& outputPath,
             ok = false;
         }
     }
-    // The file that failed: the temporary one, or the output when the
-    // finished file cannot take its name.
-    const std::wstring* failed = &target;
-    if (ok && !wroteInPlace && !GLTK::FileIO::rename(target, outputPath)) {
-        error = errno;
-        ok = false;
-        failed = &outputPath;
-    }
     if (!ok) {
-        if (!wroteInPlace)
-            GLTK::FileIO::unlink(target);
         if (!GLTK::cancelRequested())
-            GLTK::Console::out(L"MP4: writing %ls failed: %ls\n", failed->c_str(),
+            GLTK::Console::out(L"MP4: writing %ls failed: %ls\n", target.c_str(),
                                systemMessage(error != 0 ? error : EIO).c_str());
+        return false;
     }
-    return ok;
+    if (GLTK::cancelRequested() || !isWhole(target))
+        return false;
+    return wroteInPlace || pending.commit();
+}
+
+bool EditPlan::isWhole(const std::wstring& path)
+{
+    Container written;
+    std::vector<std::string> problems;
+    if (!written.attach(path))
+        problems.push_back(GLTK::wchar::narrow(systemMessage(errno)));
+    else
+        problems = problemsOf(written);
+    if (problems.empty())
+        return true;
+    GLTK::Console::out(L"MP4: the rebuilt movie is damaged: %ls; it is not kept.\n",
+                       GLTK::wchar::mbs2wcs(problems.front()).c_str());
+    return false;
 }
 
 } // namespace MP4

@@ -14,6 +14,7 @@
 #include "MP4Box.h"
 
 #include <map>
+#include <set>
 #include <memory>
 #include <string>
 #include <vector>
@@ -80,16 +81,22 @@ public:
     // Puts these offsets in place of what is registered at the same input
     // place (such as a pointer that must name new bytes).
     void setOffsets(unsigned file, const Offsets& o);
+    // Forgets the offsets registered at that input place: its bytes are
+    // carried as they stand (or as patched).
+    void dropOffsets(unsigned file, uint64_t at);
 
     // The box of input 0 is still in the output: neither it nor a box around
     // it is replaced, removed or dropped.
     bool keeps(const BOX& box) const;
 
     // Remaps and writes the output once: into a temporary file beside
-    // outputPath that is then renamed over it, or, when outputPath is input 0
-    // and none of its bytes moves, by rewriting only what changed in place.
-    // A refused remap writes nothing; a failed or cancelled write leaves no
-    // temporary file. Prints one line on failure.
+    // outputPath that is renamed over it once it has been read back whole,
+    // or, when outputPath is input 0 and none of its bytes moves, by
+    // rewriting only what changed in place (and reading it back). A refused
+    // remap writes nothing; a failed or cancelled write, or an output that
+    // is not whole, leaves no temporary file and outputPath as it was (a
+    // movie edited in place is then damaged: only the run's own fresh
+    // encode is). Prints one line on failure.
     bool write(const std::wstring& outputPath);
 
     // Where a byte of an input lands in the output (valid after write).
@@ -126,6 +133,9 @@ private:
     void layout();
     bool remap(std::map<unsigned, std::map<uint64_t, ByteArray>>& overlays);
     bool writeOut(const std::wstring& outputPath, const std::map<unsigned, std::map<uint64_t, ByteArray>>& overlays);
+    // The written movie read back; false, after a line naming the first
+    // problem, when it is not whole.
+    static bool isWhole(const std::wstring& path);
 
     std::vector<Input> inputs;
     std::vector<const BOX*> top;       // input 0's top-level boxes, in output order
@@ -143,6 +153,8 @@ private:
     std::vector<std::vector<Span>> spans;
     uint64_t total = 0;
     unsigned nextSeq = 0;
+    // Damage of the source already reported (null: bytes behind the last box).
+    std::set<const BOX*> cutShortNoted;
 };
 
 } // namespace MP4

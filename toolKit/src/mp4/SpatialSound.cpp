@@ -53,14 +53,14 @@ bool SpatialSound::attach(const std::wstring& source, double start, double end)
     const uint64_t total = payloadEnd > payloadStart ? payloadEnd - payloadStart : 0;
 
     uint32_t timeScale = 0;
-    c.find("uuid.QATR.mdia.mdhd", [&](BOX& b) {
+    c.find<MDHD>("uuid.QATR.mdia.mdhd", [&](MDHD& b) {
         if (b.size >= 9 && timeScale == 0)
-            timeScale = static_cast<MDHD&>(b).timeScale;
+            timeScale = b.timeScale;
         return timeScale == 0;
     });
-    c.find("uuid.QATR.mdia.minf.stbl.stsz", [&](BOX& b) {
+    c.find<STSZ>("uuid.QATR.mdia.minf.stbl.stsz", [&](STSZ& b) {
         if (b.size >= 9 && sampleSize == 0)
-            sampleSize = static_cast<STSZ&>(b).sampleSize;
+            sampleSize = b.sampleSize;
         return sampleSize == 0;
     });
     if (timeScale == 0 || sampleSize == 0) {
@@ -131,26 +131,27 @@ bool SpatialSound::rebuiltTable(const BOX& box, ByteArray& out)
 {
     if (box.largesize || box.size < 12)
         return false;
-    if (box.is("mdhd")) {
+    // Only a box read as its class is rebuilt; one that merely bears the
+    // name is copied as it stands.
+    if (const MDHD* mdhd = box.as<MDHD>()) {
         // Every sample lasts one time-scale unit.
-        MDHD mdhd = static_cast<const MDHD&>(box);
-        mdhd.duration = sampleCount;
-        out.append(mdhd.bytes());
-    } else if (box.is("stts")) {
-        out.append(STTS::bytes(static_cast<const STTS&>(box).versionFlags, sampleCount, 1));
-    } else if (box.is("stsc")) {
-        out.append(STSC::bytes(static_cast<const STSC&>(box).versionFlags,
-                               {{1, kChunkSamples, 1}, {chunkCount, lastChunkRemainder, 1}}));
-    } else if (box.is("stsz")) {
-        out.append(STSZ::bytes(static_cast<const STSZ&>(box).versionFlags, sampleSize, sampleCount));
-    } else if (box.is("co64")) {
+        MDHD rebuilt = *mdhd;
+        rebuilt.duration = sampleCount;
+        out.append(rebuilt.bytes());
+    } else if (const STTS* stts = box.as<STTS>()) {
+        out.append(STTS::bytes(stts->versionFlags, sampleCount, 1));
+    } else if (const STSC* stsc = box.as<STSC>()) {
+        out.append(STSC::bytes(stsc->versionFlags, {{1, kChunkSamples, 1}, {chunkCount, lastChunkRemainder, 1}}));
+    } else if (const STSZ* stsz = box.as<STSZ>()) {
+        out.append(STSZ::bytes(stsz->versionFlags, sampleSize, sampleCount));
+    } else if (const CO64* co64 = box.as<CO64>()) {
         // Each chunk named where its first byte lies in the source movie.
         const uint64_t chunkBytes = uint64_t(sampleSize) * kChunkSamples;
         std::vector<uint64_t> offsets(chunkCount);
         for (uint32_t i = 0; i < chunkCount; ++i)
             offsets[i] = payloadStart + startByte + chunkBytes * i;
         co64At = out.length + 16;
-        out.append(CO64::bytes(static_cast<const STCO&>(box).versionFlags, offsets));
+        out.append(CO64::bytes(co64->versionFlags, offsets));
     } else {
         return false;
     }
