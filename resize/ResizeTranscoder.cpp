@@ -69,10 +69,10 @@ private:
 
 } // namespace
 
-uint32_t ResizeTranscoder::trim(const Option& option)
+uint32_t ResizeTranscoder::trim(const Option& option, const std::wstring& into)
 {
     const std::string source = GLTK::wchar::narrow(option.sourcePath);
-    const std::string output = GLTK::wchar::narrow(option.outputPath);
+    const std::string output = GLTK::wchar::narrow(into);
 
     GLTKVideoTranscoder transcoder;
     if (!transcoder.attachSource(source))

@@ -5,8 +5,11 @@
 #include "Option.h"
 
 #include <cstdint>
+#include <string>
 
 class ResizeTranscoder {
 public:
-    static uint32_t trim(const Option& option);
+    // Writes the new movie to `into` (the output's temporary file: the
+    // output itself is only replaced once the whole run has succeeded).
+    static uint32_t trim(const Option& option, const std::wstring& into);
 };

@@ -42,6 +42,15 @@ int firstUnreadableArgument(int argc, const char* const* argv)
     return 0;
 }
 
+int firstOverlongArgument(int argc, const char* const* argv)
+{
+    int n = std::min(argc, kMaxArguments);
+    for (int i = 1; i < n; ++i)
+        if (mbstowcs(nullptr, argv[i], 0) > GLTK::wchar::kMaxUnits)
+            return i;
+    return 0;
+}
+
 bool kill(int argc, const std::vector<std::wstring>& argv, int& status)
 {
     if (argc != 2 || argv.size() < 2 || argv[1].compare(0, 6, L"-kill:") != 0)

@@ -19,6 +19,11 @@ std::vector<std::wstring> convertArguments(int argc, const char* const* argv);
 // first unreadable byte and name another file than the one meant.
 int firstUnreadableArgument(int argc, const char* const* argv);
 
+// The number (1 and up) of the first of the converted words longer than
+// 2048 characters, 0 when none is. Such a word would be cut, and a cut path
+// names another file than the one meant.
+int firstOverlongArgument(int argc, const char* const* argv);
+
 // True when the command line is "-kill:PID" (exactly two words); status is
 // then the exit status (0 when SIGTERM could be sent, 1 otherwise).
 bool kill(int argc, const std::vector<std::wstring>& argv, int& status);

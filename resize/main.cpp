@@ -3,6 +3,7 @@
 #include "GLTKCancel.h"
 #include "GLTKConsole.h"
 #include "GLTKFileIO.h"
+#include "GLTKPendingFile.h"
 #include "GLTKwchar.h"
 #include "MetaBuilder.h"
 #include "Option.h"
@@ -13,46 +14,18 @@
 #include <chrono>
 #include <cmath>
 #include <csignal>
+#include <cstring>
 
 #include <sys/stat.h>
 
 namespace {
 
-// The output file as it stood before the run.
-struct OutputStamp {
-    bool exists = false;
-    struct stat st {};
-};
-
-OutputStamp stampOf(const std::wstring& path)
+// A run that stops early says why: a cancelled one (SIGTERM, Ctrl-C) only
+// that, a failed one what failed, then the usage text. Nothing it wrote is
+// left: every file of the run is still under its temporary name, which goes
+// with it.
+int stop(const Option& option, const std::wstring& failure = {})
 {
-    OutputStamp s;
-    s.exists = ::stat(GLTK::FileIO::toNative(path).c_str(), &s.st) == 0;
-    return s;
-}
-
-// True when the run created the output, put another file in its place or
-// wrote to it (which moves its change time).
-bool writtenSince(const OutputStamp& before, const std::wstring& path)
-{
-    OutputStamp now = stampOf(path);
-    if (!now.exists)
-        return false;
-    if (!before.exists)
-        return true;
-    return now.st.st_dev != before.st.st_dev || now.st.st_ino != before.st.st_ino ||
-           now.st.st_size != before.st.st_size || now.st.st_ctim.tv_sec != before.st.st_ctim.tv_sec ||
-           now.st.st_ctim.tv_nsec != before.st.st_ctim.tv_nsec;
-}
-
-// A run that stops early removes whatever it wrote to the output, so that
-// it never leaves a half-written movie that looks finished; a file that the
-// run refused to touch stays as it was. A cancelled run (SIGTERM, Ctrl-C)
-// says only that; a failed one prints what failed, then the usage text.
-int stop(const Option& option, const OutputStamp* before = nullptr, const std::wstring& failure = {})
-{
-    if (before != nullptr && writtenSince(*before, option.outputPath))
-        GLTK::FileIO::unlink(option.outputPath);
     if (GLTK::cancelRequested()) {
         GLTK::Console::out(L"cancelled.\n");
         return 1;
@@ -60,6 +33,35 @@ int stop(const Option& option, const OutputStamp* before = nullptr, const std::w
     GLTK::Console::out(L"%ls", failure.c_str());
     option.usage();
     return 1;
+}
+
+// The files the run will write must be neither the source nor each other
+// (links and other spellings included), nor folders. Prints one line naming
+// both paths, or the folder, for the first clash.
+bool targetsAreFree(const Option& option)
+{
+    struct Named {
+        const wchar_t* role;
+        const std::wstring& path;
+    };
+    std::vector<Named> files{{L"source", option.sourcePath}, {L"output", option.outputPath}};
+    if (!option.thumbnailPath.empty())
+        files.push_back({L"thumbnail", option.thumbnailPath});
+    for (size_t i = 1; i < files.size(); ++i) {
+        struct stat st {};
+        if (::stat(GLTK::FileIO::toNative(files[i].path).c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+            GLTK::Console::out(L"%ls %ls: %ls\n", files[i].role, files[i].path.c_str(),
+                               GLTK::wchar::mbs2wcs(std::strerror(EISDIR)).c_str());
+            return false;
+        }
+        for (size_t j = 0; j < i; ++j)
+            if (GLTK::FileIO::sameFile(files[i].path, files[j].path)) {
+                GLTK::Console::out(L"%ls %ls and %ls %ls are the same file.\n", files[i].role, files[i].path.c_str(),
+                                   files[j].role, files[j].path.c_str());
+                return false;
+            }
+    }
+    return true;
 }
 
 // The camera records its sensor streams at 30 or 15 entries a second, not
@@ -78,17 +80,21 @@ int run(int argc, const std::vector<std::wstring>& args)
     Option option;
     // The stages stop early on a cancel; one that comes between two stages
     // is seen at the next check.
-    if (!option.parse(argc, args) || GLTK::cancelRequested())
+    if (GLTK::cancelRequested() || !option.parse(argc, args) || GLTK::cancelRequested())
         return stop(option);
-    if (GLTK::FileIO::sameFile(option.sourcePath, option.outputPath))
-        return stop(option, nullptr, L"output " + option.outputPath + L" is the source movie itself.\n");
-    const OutputStamp before = stampOf(option.outputPath);
+    if (!targetsAreFree(option))
+        return stop(option);
+    // The movie is written under a temporary name beside the output from
+    // the first byte on, by the encoder as well as by the metadata rebuild.
+    GLTK::PendingFile movie;
+    if (!movie.create(option.outputPath, MP4::kTemporarySuffix))
+        return stop(option);
 
     uint32_t frames = 0;
     if (option.reEncode) {
-        frames = ResizeTranscoder::trim(option);
+        frames = ResizeTranscoder::trim(option, movie.temporaryPath());
         if (frames == 0 || GLTK::cancelRequested())
-            return stop(option, &before, L"process(" + option.sourcePath + L", " + option.outputPath + L") failed.\n");
+            return stop(option, L"process(" + option.sourcePath + L", " + option.outputPath + L") failed.\n");
     }
     {
         MetaBuilder meta(Resize_image, Resize_version, false);
@@ -106,26 +112,34 @@ int run(int argc, const std::vector<std::wstring>& args)
             end = 0xFFFFFFFFu;
         if (option.reEncode && CameraModel::isNewer(option.probe.cameraVersion) &&
             !meta.readSpatialData(option.sourcePath, option.start, end))
-            return stop(option, &before, L"readSpatialData failed.\n");
-        bool updated = option.reEncode
-                           ? meta.updateMeta(option.outputPath, nullptr, Utility::isSupporFullRangePixelFormat())
-                           : meta.updateMeta(option.sourcePath, &option.outputPath,
-                                             Utility::isSupporFullRangePixelFormat());
+            return stop(option, L"readSpatialData failed.\n");
+        // The rebuild reads the movie it wrote back whole before it keeps it.
+        bool updated = option.reEncode ? meta.updateMeta(movie.temporaryPath(), nullptr,
+                                                         Utility::isSupporFullRangePixelFormat())
+                                       : meta.updateMeta(option.sourcePath, &movie.temporaryPath(),
+                                                         Utility::isSupporFullRangePixelFormat());
         if (!updated || GLTK::cancelRequested())
-            return stop(option, &before, L"updateMeta failed.\n");
+            return stop(option, L"updateMeta failed.\n");
     }
+    // The picture is drawn from the finished movie, under a temporary name
+    // too; a picture that fails is reported, and the run still succeeds.
+    GLTK::PendingFile thumbnail;
     if (!option.thumbnailPath.empty()) {
-        const OutputStamp thumbnailBefore = stampOf(option.thumbnailPath);
-        Thumbnailer thumbnailer(option.outputPath);
-        if (!thumbnailer.saveFrame(option.thumbnailPath) && !GLTK::cancelRequested())
-            GLTK::Console::out(L"thumbnailer(%ls) failed.\n", option.thumbnailPath.c_str());
-        // Cancelled here, the run leaves neither the movie nor the picture.
-        if (GLTK::cancelRequested()) {
-            if (writtenSince(thumbnailBefore, option.thumbnailPath))
-                GLTK::FileIO::unlink(option.thumbnailPath);
-            return stop(option, &before);
+        if (!thumbnail.create(option.thumbnailPath, L".tmp.jpg") ||
+            !Thumbnailer(movie.temporaryPath()).saveFrame(thumbnail.temporaryPath())) {
+            thumbnail.discard();
+            if (!GLTK::cancelRequested())
+                GLTK::Console::out(L"thumbnailer(%ls) failed.\n", option.thumbnailPath.c_str());
         }
     }
+    // Everything is written: the files take their names. A stop request that
+    // comes after this point comes too late; the run has finished.
+    if (GLTK::cancelRequested())
+        return stop(option);
+    if (!movie.commit())
+        return stop(option, L"updateMeta failed.\n");
+    if (thumbnail.isPending() && !thumbnail.commit())
+        GLTK::Console::out(L"thumbnailer(%ls) failed.\n", option.thumbnailPath.c_str());
     return 0;
 }
 
@@ -133,6 +147,15 @@ int run(int argc, const std::vector<std::wstring>& args)
 
 int main(int argc, char** argv)
 {
+    // SIGTERM (Resize -kill:PID) and Ctrl-C stop the run between two steps.
+    // The launcher holds them back until the handlers are in place; one that
+    // came in the meantime arrives here.
+    GLTK::installCancelHandlers();
+    sigset_t stops;
+    sigemptyset(&stops);
+    sigaddset(&stops, SIGINT);
+    sigaddset(&stops, SIGTERM);
+    sigprocmask(SIG_UNBLOCK, &stops, nullptr);
     GLTK::Console::init_locale();
     std::vector<std::wstring> args = Utility::convertArguments(argc, argv);
     int status = 0;
@@ -142,9 +165,12 @@ int main(int argc, char** argv)
         GLTK::Console::out(L"argument %d is not readable text in this locale.\n", word);
         return 1;
     }
+    if (int word = Utility::firstOverlongArgument(argc, argv)) {
+        GLTK::Console::out(L"argument %d is longer than %d characters; it is refused rather than cut.\n", word,
+                           static_cast<int>(GLTK::wchar::kMaxUnits));
+        return 1;
+    }
     auto start = std::chrono::steady_clock::now();
-    // SIGTERM (Resize -kill:PID) and Ctrl-C stop the run between two steps.
-    GLTK::installCancelHandlers();
     // Past a file-size limit a write then fails (EFBIG) like a full disk,
     // and the run cleans up after itself instead of dying with its output
     // half written.

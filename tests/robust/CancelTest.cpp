@@ -1,11 +1,11 @@
 // Stopping a run with "Resize -kill:PID" (SIGTERM) while it re-encodes and
 // while it copies a large movie's metadata: the run stops within a few
 // seconds with exit status 1 and a last line "cancelled." (no failure line,
-// no usage text), removes its temporary file and its partial output, and
-// leaves the source byte for byte as it was.
+// no usage text), removes its temporary files, and leaves the source and a
+// file already at the output's path byte for byte as they were.
 //
 // To hit the chosen stage every time, the test watches the output folder,
-// freezes the run (SIGSTOP) as soon as the file of that stage appears, sends
+// freezes the run (SIGSTOP) as soon as the file of that stage has bytes, sends
 // the termination signal with the program's own kill command, and lets the
 // run go on (SIGCONT): the signal is then handled inside that stage.
 #include "Robust.h"
@@ -20,18 +20,24 @@ using namespace robust;
 
 namespace {
 
-void stopWhenPresent(const std::string& options, const fs::path& src, const fs::path& out, const fs::path& watched)
+void stopWhenWritten(const std::string& options, const fs::path& src, const fs::path& out, const fs::path& watched)
 {
     const fs::path dir = src.parent_path();
     const std::string before = md5(src);
+    const Bytes earlier{'o', 'l', 'd'};
+    writeFile(out, earlier);
     // In the background: the run's process id in "pid", its exit status in "status".
     run("cd " + q(dir) + " && (" + resize() + " " + options + " " + q(src) + " " + q(out) +
         " >log 2>&1 & echo $! >p && mv p pid; wait $!; echo $? >s && mv s status) >/dev/null 2>&1 &");
     using Clock = std::chrono::steady_clock;
-    auto waitFor = [](const fs::path& file, double seconds) {
-        for (auto end = Clock::now() + std::chrono::duration<double>(seconds); !fs::exists(file) && Clock::now() < end;)
+    auto written = [](const fs::path& file) {
+        std::error_code e;
+        return fs::file_size(file, e) > 0 && !e;
+    };
+    auto waitFor = [&](const fs::path& file, double seconds) {
+        for (auto end = Clock::now() + std::chrono::duration<double>(seconds); !written(file) && Clock::now() < end;)
             std::this_thread::sleep_for(std::chrono::microseconds(500));
-        return fs::exists(file);
+        return written(file);
     };
     ASSERT_TRUE(waitFor(watched, 120) && waitFor(dir / "pid", 1)) << watched << " never appeared";
     const pid_t pid = std::stoi(std::string(std::istreambuf_iterator<char>(std::ifstream(dir / "pid").rdbuf()), {}));
@@ -48,7 +54,7 @@ void stopWhenPresent(const std::string& options, const fs::path& src, const fs::
                 text.find("usage:") == std::string::npos)
         << text;
     EXPECT_LT(std::chrono::duration<double>(Clock::now() - resumed).count(), 5.0) << text;
-    EXPECT_FALSE(fs::exists(out)) << "partial output left\n" << text;
+    EXPECT_EQ(readFile(out), earlier) << "the file at the output's path changed\n" << text;
     EXPECT_EQ(leftovers(dir), "");
     EXPECT_EQ(md5(src), before) << "the source changed";
 }
@@ -76,12 +82,14 @@ fs::path largeMovie(const fs::path& dir)
 
 TEST(Cancel, DuringTheReEncodeAndTheMetadataCopy)
 {
-    // Once the output is begun, the encoder and muxer are at work.
+    // Once the output's temporary file has bytes, the encoder and muxer are
+    // at work.
     TempDir dir;
-    stopWhenPresent("-vw:640", copyMovie("--duration 4", dir / "src.mp4"), dir / "out.mp4", dir / "out.mp4");
-    // A metadata-only run writes the output once, through out.mp4.tmp.mp4.
+    stopWhenWritten("-vw:640", copyMovie("--duration 4", dir / "src.mp4"), dir / "out.mp4", dir / "out.mp4.tmp.mp4");
+    // A metadata-only run copies the movie once, into the rebuild's file
+    // beside the run's.
     TempDir large;
-    stopWhenPresent("", largeMovie(large.path()), large / "out.mp4", large / "out.mp4.tmp.mp4");
+    stopWhenWritten("", largeMovie(large.path()), large / "out.mp4", large / "out.mp4.1.tmp.mp4");
 }
 
 } // namespace

@@ -25,9 +25,15 @@ bool PendingFile::create(const std::wstring& targetPath, const wchar_t* suffix)
     discard();
     // O_EXCL: a file that already has the name is never taken over, be it
     // the user's or another run's.
+    // A target that is itself a temporary file (a movie rebuilt from the
+    // run's own fresh encode) gets "<name>.1<suffix>" beside it rather than
+    // a suffix on a suffix.
+    const std::wstring end = suffix;
+    const bool temporaryTarget = targetPath.size() > end.size() && targetPath.ends_with(end);
+    const std::wstring stem = temporaryTarget ? targetPath.substr(0, targetPath.size() - end.size()) : targetPath;
     int error = 0;
-    for (int n = 0; n < 100; ++n) {
-        std::wstring name = targetPath + (n == 0 ? L"" : L"." + std::to_wstring(n)) + suffix;
+    for (int n = temporaryTarget ? 1 : 0; n < 100; ++n) {
+        std::wstring name = stem + (n == 0 ? L"" : L"." + std::to_wstring(n)) + suffix;
         int fd = ::open(FileIO::toNative(name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         if (fd >= 0) {
             ::close(fd);

@@ -18,7 +18,8 @@ public:
     PendingFile& operator=(const PendingFile&) = delete;
 
     // Creates the empty temporary file beside target: "<target><suffix>", or
-    // "<target>.N<suffix>" when a file already has that name. False, after
+    // "<target>.N<suffix>" when a file already has that name (a target that
+    // ends in the suffix loses it first). False, after
     // one line naming the target and the system's reason, when it cannot be made.
     bool create(const std::wstring& target, const wchar_t* suffix);
 

@@ -2,6 +2,7 @@
 
 #include "GLTKConsole.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -39,6 +40,59 @@ int64_t truncate64(float v)
     if (v <= -9.2e18f)
         return std::numeric_limits<int64_t>::min();
     return int64_t(v);
+}
+
+// Text as XML character data.
+std::string escaped(const std::string& text)
+{
+    std::string out;
+    for (char c : text) {
+        switch (c) {
+        case '&': out += "&amp;"; break;
+        case '<': out += "&lt;"; break;
+        case '>': out += "&gt;"; break;
+        case '\'': out += "&apos;"; break;
+        case '"': out += "&quot;"; break;
+        default: out += c;
+        }
+    }
+    return out;
+}
+
+// XML character data as text: the five named entities and character
+// references in ASCII; anything else is kept as it stands.
+std::string unescaped(const std::string& text)
+{
+    static const std::pair<const char*, char> named[] = {
+        {"&amp;", '&'}, {"&lt;", '<'}, {"&gt;", '>'}, {"&apos;", '\''}, {"&quot;", '"'}};
+    std::string out;
+    for (size_t i = 0; i < text.size();) {
+        bool done = false;
+        if (text[i] == '&') {
+            for (const auto& [entity, c] : named)
+                if (text.compare(i, std::strlen(entity), entity) == 0) {
+                    out += c;
+                    i += std::strlen(entity);
+                    done = true;
+                    break;
+                }
+            const size_t semicolon = text.find(';', i);
+            if (!done && text.compare(i, 2, "&#") == 0 && semicolon != std::string::npos && semicolon - i <= 8) {
+                const bool hex = i + 2 < text.size() && (text[i + 2] == 'x' || text[i + 2] == 'X');
+                char* stop = nullptr;
+                const std::string digits = text.substr(i + 2 + hex, semicolon - i - 2 - hex);
+                const long code = std::strtol(digits.c_str(), &stop, hex ? 16 : 10);
+                if (!digits.empty() && *stop == '\0' && code > 0 && code < 0x80) {
+                    out += char(code);
+                    i = semicolon + 1;
+                    done = true;
+                }
+            }
+        }
+        if (!done)
+            out += text[i++];
+    }
+    return out;
 }
 
 } // namespace
@@ -115,7 +169,7 @@ void ViewHeading::attach(const std::string& xml)
         size_t begin = open + sizeof element; // name plus ">"
         size_t close = xml.find(element, begin);
         if (close != std::string::npos && close >= begin + 2)
-            stitchingSoftware = xml.substr(begin, close - 2 - begin);
+            stitchingSoftware = unescaped(xml.substr(begin, close - 2 - begin));
     }
 
     heading = readValue<int>(xml, headingFormat);
@@ -128,6 +182,14 @@ void ViewHeading::attach(const std::string& xml)
     unsigned long t = 0;
     if (at != std::string::npos && std::sscanf(xml.c_str() + at, timestampFormat, &t) == 1)
         timestamp = t;
+}
+
+void ViewHeading::bringIntoRange()
+{
+    if (!std::isnan(heading))
+        heading = std::trunc(std::remainder(heading, 360.0f));
+    if (!std::isnan(pitch))
+        pitch = std::trunc(std::clamp(pitch, -90.0f, 90.0f));
 }
 
 void ViewHeading::attach(const ViewHeading& other)
@@ -155,10 +217,11 @@ std::string ViewHeading::toString() const
         "  <GSpherical:Spherical>true</GSpherical:Spherical>\n"
         "  <GSpherical:Stitched>true</GSpherical:Stitched>\n"
         "  <GSpherical:ProjectionType>equirectangular</GSpherical:ProjectionType>\n";
+    // The software's text may be of any length: it is put in whole, escaped.
     if (!stitchingSoftware.empty()) {
-        char buf[256];
-        std::snprintf(buf, sizeof buf, softwareFormat, stitchingSoftware.c_str());
-        out += buf;
+        const std::string format = softwareFormat;
+        const size_t at = format.find("%s");
+        out += format.substr(0, at) + escaped(stitchingSoftware) + format.substr(at + 2);
     }
     if (timestamp != 0) {
         char buf[128];

@@ -22,7 +22,12 @@ public:
     void attach(const std::string& xml);
     // Merge: takes every value that is set in the other record.
     void attach(const ViewHeading& other);
-    // The whole Spherical Video V1 XML document.
+    // The one rule that brings a view into the ranges of both Spherical
+    // Video forms, so that V1 and V2 tell the same values: heading into
+    // -180..180 and then whole degrees (the V1 elements hold integers),
+    // pitch whole degrees within -90..90. Unset values stay unset.
+    void bringIntoRange();
+    // The whole Spherical Video V1 XML document, its texts escaped.
     std::string toString() const;
 
     // One element's value, found by the part of its line format before the

@@ -173,8 +173,9 @@ bool MetaBuilder::appendSphericalV2(const MP4::Container& movie, MP4::EditPlan& 
         return true;
     ViewHeading view;
     view.attach(sphericalXml);
-    const double pitch = std::isnan(view.pitch) ? 0.0 : std::clamp(double(view.pitch), -90.0, 90.0);
-    return movie.appendSphericalVideoV2(plan, creatorTool, MP4::SphericalV2::yawOf(view.heading), pitch);
+    view.bringIntoRange();
+    return movie.appendSphericalVideoV2(plan, creatorTool, std::isnan(view.heading) ? 0.0 : view.heading,
+                                        std::isnan(view.pitch) ? 0.0 : view.pitch);
 }
 
 // ---------------------------------------------------------------- adjusting
@@ -217,6 +218,7 @@ void MetaBuilder::attach(const ViewHeading& heading, bool resetAngles)
         v.stitchingSoftware = stitchingSoftware;
     if (resetAngles)
         v.heading = v.pitch = v.fov = v.dolly = std::nanf("");
+    v.bringIntoRange();
     sphericalXml = v.toString();
 }
 

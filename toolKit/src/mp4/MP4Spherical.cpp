@@ -143,11 +143,6 @@ ByteArray SphericalV2::boxes(const std::string& source, double yaw, double pitch
     return out;
 }
 
-double SphericalV2::yawOf(double heading)
-{
-    return std::isnan(heading) ? 0.0 : std::remainder(heading, 360.0);
-}
-
 void ST3D::dump() const
 {
     GLTK::Console::out(L"MP4: %ls<%ls stereoMode=%u >\n", indent().c_str(), basicTag().c_str(), unsigned(stereoMode));

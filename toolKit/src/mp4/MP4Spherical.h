@@ -72,8 +72,6 @@ namespace SphericalV2 {
 // st3d, then sv3d, for a monoscopic full 360x180 equirectangular picture
 // with the given pose.
 ByteArray boxes(const std::string& metadataSource, double yaw, double pitch, double roll);
-// A heading in degrees as a yaw in -180..180; 0 for an unset (NaN) one.
-double yawOf(double heading);
 } // namespace SphericalV2
 
 } // namespace MP4
