@@ -1,8 +1,9 @@
 #!/bin/bash
 # resize-batch over three small movies, one of them broken, in folders with
-# spaces: a local run, a second run that resumes, a run with --force, and a
-# run over two hosts through the send-and-return path (ssh replaced by
-# stand_in_ssh.sh), which must give the local run's outputs.
+# spaces: a local run, a second run that resumes, one that resumes after a
+# simulated crash, a run with --force, a run over two hosts through the
+# send-and-return path (ssh replaced by stand_in_ssh.sh), which must give the
+# local run's outputs, and a re-encoding batch stopped with Ctrl-C.
 #   batch_test.sh BIN_DIR   (where Resize and resize-batch are built)
 set -u
 bin=$1
@@ -49,6 +50,14 @@ stamps=$(stat -c '%n %i %Y' "$local/a b.mp4" "$local/day 2/c.MP4")
 batch 1 "$src" "$local"
 said "0 converted, 2 skipped (converted before), 1 failed"
 [ "$(stat -c '%n %i %Y' "$local/a b.mp4" "$local/day 2/c.MP4")" = "$stamps" ] || fail "a finished output was redone"
+# A crash after an output took its name but before it reached the disk: the
+# file stands there, incomplete, and was never recorded as done.
+: >"$local/a b.mp4"
+tr '\0' '\n' <"$local/.resize-batch/done" | grep -vx "a b.mp4" | tr '\n' '\0' >"$tmp/done"
+mv "$tmp/done" "$local/.resize-batch/done"
+batch 1 "$src" "$local"
+said "1 converted, 1 skipped (converted before), 1 failed"
+"$bin/Inspect" "$local/a b.mp4" >/dev/null 2>&1 || fail "the incomplete output was not done again"
 batch 1 --force "$src" "$local"
 said "2 converted, 0 skipped (converted before), 1 failed"
 
@@ -69,6 +78,25 @@ done
 [ "$(cut -f2 "$remote/.resize-batch/joblog" | grep -x 'host[AB]' | sort -u | wc -l)" = 2 ] || fail "not both hosts ran jobs"
 left=$(find "$tmp/on hosts" -mindepth 2)
 [ -z "$left" ] || fail "files left on the hosts: $left"
+
+# Ctrl-C (SIGINT to the batch's process group) during a re-encode: the job
+# stops, its log ends with "cancelled.", and the output folder holds no
+# partial file; the next batch converts that movie.
+slow="$tmp/slow"
+mkdir -p "$slow"
+movie "$slow/long.mp4" --duration 4 --size 960x480 || exit 1
+setsid bash -c 'echo $$ >"$0/pgid"; exec "$1/resize-batch" -j 1 -- -vw:960 "$0/slow" "$0/stopped" >"$0/said" 2>&1' "$tmp" "$bin" &
+for _ in $(seq 600); do
+    [ -n "$(find "$tmp/stopped" -name '*.tmp.mp4' -size +0 2>/dev/null)" ] && break
+    sleep 0.05
+done
+kill -INT -- "-$(cat "$tmp/pgid")"
+wait
+[ "$(tail -n 1 "$tmp/stopped/.resize-batch/logs/long.mp4.log")" = cancelled. ] || fail "the stopped job's log does not end with cancelled."
+left=$(cd "$tmp/stopped" && find . -type f ! -path './.resize-batch/*')
+[ -z "$left" ] || fail "files left in the output folder of a stopped batch: $left"
+batch 0 -- -vw:960 "$slow" "$tmp/stopped"
+said "1 converted, 0 skipped (converted before), 0 failed"
 
 # Refused before anything is written.
 batch 2 "$src" "$src/out"
