@@ -14,6 +14,7 @@
 #include "GLTKwchar.h"
 #include "GPSInfo.h"
 #include "MP4Container.h"
+#include "MP4MovieCheck.h"
 #include "MetaBuilder.h"
 #include "MetaProbe.h"
 #include "Option.h"
@@ -205,10 +206,19 @@ inline int options(const uint8_t* data, size_t size)
     return 0;
 }
 
+// A movie the rebuild reported as written must read back whole.
+inline void expectWhole(const std::wstring& path)
+{
+    MP4::Container written;
+    if (!written.attach(path) || !MP4::problemsOf(written).empty())
+        std::abort();
+}
+
 // The input is a source movie, converted as the run flow does: a
 // metadata-only conversion (read, a new view for some inputs, the rebuild and
 // its one write) into a file of its own, then the same bytes taken as a fresh
-// encode, rebuilt in place from the source with its spatial data cut.
+// encode, rebuilt in place from the source with its spatial data cut. Every
+// output the rebuild keeps must be a whole movie.
 inline int convert(const uint8_t* data, size_t size)
 {
     const Bytes bytes(data, data + size);
@@ -230,7 +240,8 @@ inline int convert(const uint8_t* data, size_t size)
             asked.pitch = -20.0f;
             meta.attach(asked, size % 3 == 1);
         }
-        meta.updateMeta(source, &out, true);
+        if (meta.updateMeta(source, &out, true))
+            expectWhole(out);
     }
     FILE* f = fopen(encodedPath.c_str(), "wb");
     if (f == nullptr || fwrite(bytes.data(), 1, size, f) != size || fclose(f) != 0)
@@ -239,7 +250,8 @@ inline int convert(const uint8_t* data, size_t size)
         MetaBuilder meta("fuzz", "0", false);
         meta.readMeta(source, true);
         meta.readSpatialData(source, size % 2 ? 0.0 : 0.25, size % 5 ? -1.0 : 0.4);
-        meta.updateMeta(encoded, nullptr, true);
+        if (meta.updateMeta(encoded, nullptr, true))
+            expectWhole(encoded);
     }
     unlink(outPath.c_str());
     unlink(encodedPath.c_str());

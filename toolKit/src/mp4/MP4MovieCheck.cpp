@@ -124,15 +124,16 @@ private:
                std::vector<uint64_t>& out)
     {
         const uint64_t at = box.payloadStart() + 4;
-        bool ok = read(at, fixed + 4, [&](const uint8_t* p) { out.resize(be32(p + fixed)); });
-        if (!ok)
+        uint64_t count = 0;
+        if (!read(at, fixed + 4, [&](const uint8_t* p) { count = be32(p + fixed); }))
             return false;
-        const uint64_t bytes = uint64_t(out.size()) * stride;
+        const uint64_t bytes = count * stride;
         const uint64_t entries = at + fixed + 4;
         if (bytes > kMaxTable || entries + bytes > box.clippedEnd(fileLength)) {
-            problem(pathOf(box) + " is shorter than its " + number(out.size()) + " entries");
+            problem(pathOf(box) + " is shorter than its " + number(count) + " entries");
             return false;
         }
+        out.resize(count);
         return read(entries, bytes, [&](const uint8_t* p) {
             for (size_t i = 0; i < out.size(); ++i)
                 out[i] = width == 8 ? be64(p + stride * i + field) : be32(p + stride * i + field);
