@@ -41,7 +41,7 @@ bool readPayload(const MP4::Container& c, const MP4::BOX& box, uint64_t limit, B
     out.clear();
     bool ok = false;
     c.open([&](GLTK::FileIO& f) {
-        const uint64_t available = SensorStream::boxBytesAvailable(box, f.length());
+        const uint64_t available = box.reach - box.start;
         if (available < box.headerSize())
             return;
         const uint64_t n = std::min(available - box.headerSize(), limit);
@@ -178,7 +178,7 @@ template <class T> uint64_t timeOf(const T& r) { return r.t; }
 // byte order and the span of the records' times. A malformed box gets the
 // reader's own message and shows 0 records.
 template <class T, class Loader>
-bool showStream(MP4::Container& c, const char* type, Loader load)
+bool showStream(const MP4::Container& c, const char* type, Loader load)
 {
     const std::string path = std::string("moov.udta.") + type;
     const MP4::BOX* box = c.first(path.c_str());
@@ -212,7 +212,7 @@ bool showStream(MP4::Container& c, const char* type, Loader load)
     return true;
 }
 
-void showSensorStreams(MP4::Container& c)
+void showSensorStreams(const MP4::Container& c)
 {
     section(L"sensor streams");
     bool any = false;
@@ -236,11 +236,11 @@ void showSensorStreams(MP4::Container& c)
 }
 
 // The source probe prints its own findings; its record is summed up after.
-void showProbe(const std::wstring& path)
+void showProbe(const SourceMovie& source)
 {
     section(L"probe");
     MetaProbe probe;
-    const bool movie = probe.probe(path);
+    const bool movie = probe.probe(source);
     static const wchar_t* const codecs[] = {L"unknown", L"H.264", L"H.265"};
     Console::LocaleC locale;
     Console::out(L"model code: 0x%05X\n", probe.cameraVersion);
@@ -282,8 +282,12 @@ int main(int argc, char** argv)
         Console::out(L"Inspect: %ls: is a directory, not a movie.\n", path.c_str());
         return 1;
     }
-    MP4::Container container;
-    if (!container.attach(path)) {
+    // Read once: a file with no movie box still shows its boxes.
+    SourceMovie source;
+    std::wstring problem;
+    const bool movie = source.open(path, problem);
+    const MP4::Container& container = source.container;
+    if (!container.root) {
         Console::out(L"Inspect: %ls: cannot be read.\n", path.c_str());
         return 1;
     }
@@ -295,9 +299,9 @@ int main(int argc, char** argv)
     section(L"box tree");
     container.dump();
 
-    showProbe(path);
-    SourceMetadata found;
-    found.read(container);
+    if (movie)
+        showProbe(source);
+    const SourceMetadata& found = source.metadata;
     showMakerNote(found);
     showGPS(container, found);
     showView(found);

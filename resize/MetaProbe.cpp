@@ -12,10 +12,6 @@ void MetaProbe::init()
     frameRate = 0;
     width = height = 0;
     codec = 0;
-    orvex.clear();
-    sphericalXml.clear();
-    stitchingSoftware.clear();
-    xmp.clear();
     creatorTool.clear();
     hasGyroData = false;
     duration = 0;
@@ -24,71 +20,30 @@ void MetaProbe::init()
     videoQuality = 0;
 }
 
-bool MetaProbe::probe(const std::wstring& path)
+bool MetaProbe::probe(const SourceMovie& source)
 {
     init();
-    MP4::Container c;
-    if (!c.attach(path))
-        return false;
-    readMetadata(c);
-    readCodec(c);
-    detect_movie(path);
-    detectBitRate(c);
-    return width >= 1;
-}
-
-void MetaProbe::readMetadata(MP4::Container& c)
-{
-    SourceMetadata found;
-    found.read(c);
-    if (found.hasModel) {
-        cameraVersion = found.modelCode;
-        GLTK::Console::out(L"source movie model: %ls (%x)\n", GLTK::wchar::mbs2wcs(found.modelText).c_str(),
-                           cameraVersion);
-    }
-    switch (found.makerNote) {
-    case SourceMetadata::MakerNote::Missing:
-        GLTK::Console::out(L"QMKN not found.\n");
-        break;
-    case SourceMetadata::MakerNote::Read:
-        orvex = found.orvex;
-        GLTK::Console::out(L"source movie panoramaImageType: %d\n", static_cast<int>(orvex.projectionType));
-        break;
-    case SourceMetadata::MakerNote::Unreadable:
-        GLTK::Console::out(L"EXIF can't read.\n");
-        break;
-    case SourceMetadata::MakerNote::Empty:
-        break;
-    }
-    sphericalXml = found.sphericalXml;
-    MetaText::elementText(sphericalXml, "<GSpherical:StitchingSoftware>", "</GSpherical:StitchingSoftware>", true,
-                          stitchingSoftware);
-    xmp = found.xmp;
-    MetaText::elementText(xmp, "<x:CreatorTool>", "</x:CreatorTool>", true, creatorTool);
-    hasGyroData = found.hasGyroData;
-}
-
-void MetaProbe::readCodec(MP4::Container& c)
-{
-    codec = 0;
-    if (c.first("moov.trak.mdia.minf.stbl.stsd.avc1")) {
-        codec = 1;
+    readMetadata(source.metadata);
+    codec = source.codec;
+    if (codec == 1)
         GLTK::Console::out(L"H.264 detected.\n");
-    }
-    c.find<MP4::STSD>("moov.trak.mdia.minf.stbl.stsd", [&](MP4::STSD& stsd) {
-        for (MP4::BOX* e : stsd.children) {
-            if (e->is("hvc1")) {
-                codec = 2;
-                GLTK::Console::out(L"H.265/HEVC detected(hvc1).\n");
-            } else if (e->is("hev1")) {
-                codec = 2;
-                GLTK::Console::out(L"H.265/HEVC detected(hev1).\n");
-            }
-        }
-        return true;
-    });
-    if (codec == 0)
+    else if (codec == 2)
+        GLTK::Console::out(L"H.265/HEVC detected(%ls).\n", GLTK::wchar::mbs2wcs(source.codecEntry).c_str());
+    else
         GLTK::Console::out(L"Unknown codec.\n");
+    detect_movie(source.path());
+    duration = source.duration;
+    videoBitRate = source.videoBitRate;
+    audioBitRate = source.audioBitRate;
+    for (int i = 0; i < source.extraTracks; ++i)
+        GLTK::Console::out(L"3rd(or more) track is found.\n");
+    // The quality class: the camera records some sizes at two rates; a source
+    // below the middle of them is the lower-rate kind.
+    if (width >= 1921)
+        videoQuality = videoBitRate < 44000000.0f ? 1 : 0;
+    else if (frameRate > 29.0f)
+        videoQuality = videoBitRate < 12000000.0f ? 1 : 0;
+    return width >= 1;
 }
 
 void MetaProbe::detect_movie(const std::wstring& path)
@@ -103,30 +58,28 @@ void MetaProbe::detect_movie(const std::wstring& path)
     }
 }
 
-void MetaProbe::detectBitRate(MP4::Container& c)
+void MetaProbe::readMetadata(const SourceMetadata& found)
 {
-    if (const MP4::MVHD* m = c.first<MP4::MVHD>("moov.mvhd"))
-        duration = static_cast<float>(m->seconds());
-    c.find<MP4::TRAK>("moov.trak", [&](MP4::TRAK& t) {
-        auto* tkhd = t.first<MP4::TKHD>("tkhd");
-        auto* stsz = t.first<MP4::STSZ>("mdia.minf.stbl.stsz");
-        bool video = tkhd != nullptr && tkhd->width >= 1;
-        float rate = static_cast<float>(stsz ? stsz->totalBytes : 0) * 8.0f / duration;
-        if (video && videoBitRate == 0)
-            videoBitRate = rate;
-        else if (audioBitRate == 0)
-            audioBitRate = rate;
-        else
-            GLTK::Console::out(L"3rd(or more) track is found.\n");
-        return true;
-    });
-    // The quality class: the camera records some sizes at two rates; a source
-    // below the middle of them is the lower-rate kind.
-    videoQuality = 0;
-    if (width >= 1921)
-        videoQuality = videoBitRate < 44000000.0f ? 1 : 0;
-    else if (frameRate > 29.0f)
-        videoQuality = videoBitRate < 12000000.0f ? 1 : 0;
+    if (found.hasModel) {
+        cameraVersion = found.modelCode;
+        GLTK::Console::out(L"source movie model: %ls (%x)\n", GLTK::wchar::mbs2wcs(found.modelText).c_str(),
+                           cameraVersion);
+    }
+    switch (found.makerNote) {
+    case SourceMetadata::MakerNote::Missing:
+        GLTK::Console::out(L"QMKN not found.\n");
+        break;
+    case SourceMetadata::MakerNote::Read:
+        GLTK::Console::out(L"source movie panoramaImageType: %d\n", static_cast<int>(found.orvex.projectionType));
+        break;
+    case SourceMetadata::MakerNote::Unreadable:
+        GLTK::Console::out(L"EXIF can't read.\n");
+        break;
+    case SourceMetadata::MakerNote::Empty:
+        break;
+    }
+    MetaText::elementText(found.xmp, "<x:CreatorTool>", "</x:CreatorTool>", true, creatorTool);
+    hasGyroData = found.hasGyroData;
 }
 
 uint32_t MetaProbe::default_bitrate(int w, bool hevc) const

@@ -1,10 +1,9 @@
 #pragma once
-// Inspects a source movie before anything is rewritten: camera model and
-// generation, the maker-note record, codec, spherical metadata, sensor data,
-// frame size and rate, and the bit rates of the tracks. It only reads, and
-// prints one console line per finding.
-#include "ExifParser.h"
-#include "MP4Container.h"
+// What the run learns of its source before anything is rewritten: camera
+// model and generation, the maker-note record, codec, frame size and rate,
+// and the bit rates of the tracks, read from the source movie the run has
+// opened (nothing is read twice), with one console line per finding.
+#include "SourceMovie.h"
 
 #include <cstdint>
 #include <string>
@@ -15,15 +14,13 @@ public:
     virtual ~MetaProbe() = default;
 
     void init();
-    // True when the source is a movie with a decodable video track.
-    bool probe(const std::wstring& path);
+    // True when the source has a video track whose frames can be decoded.
+    bool probe(const SourceMovie& source);
 
-    // The model, maker note, Spherical Video XML, XMP and gyro stream, as
-    // the rebuild reads them.
-    void readMetadata(MP4::Container& c);
-    void readCodec(MP4::Container& c);
+    // The model and maker note as the rebuild reads them.
+    void readMetadata(const SourceMetadata& found);
+    // The frame size and rate, from the video stream's parameters.
     void detect_movie(const std::wstring& path);
-    void detectBitRate(MP4::Container& c);
 
     // The output bit rate when none is asked for, from the output width (or
     // the probed one), the probed frame rate and quality class.
@@ -33,10 +30,6 @@ public:
     float frameRate;
     int32_t width, height;
     int32_t codec; // 0 unknown, 1 H.264, 2 H.265
-    ExifParser::ORVEX orvex;
-    std::string sphericalXml;
-    std::string stitchingSoftware;
-    std::string xmp;
     std::string creatorTool;
     bool hasGyroData;
     float duration;

@@ -111,17 +111,13 @@ bool Option::parse(int argc, const std::vector<std::wstring>& argv)
         sourcePath = L"./images/source.mp4";
     if (outputPath.empty())
         outputPath = L"./images/resize.mp4";
-    if (!result)
-        return false;
-    // A source that cannot be converted is named with the reason, and
-    // nothing more is tried.
-    const std::wstring problem = Utility::sourceProblem(sourcePath);
-    if (!problem.empty()) {
-        GLTK::Console::out(L"%ls: %ls\n", sourcePath.c_str(), problem.c_str());
-        return false;
-    }
-    if (!probe.probe(sourcePath))
-        return true;
+    return result;
+}
+
+void Option::derive(const SourceMovie& source)
+{
+    if (!probe.probe(source))
+        return;
     if (codec == 0)
         codec = probe.codec;
     // libx265 takes no frame less than 16 high (at the preset used).
@@ -136,7 +132,6 @@ bool Option::parse(int argc, const std::vector<std::wstring>& argv)
         videoBitRate = probe.default_bitrate(videoWidth, codec == 2);
         GLTK::Console::out(L"output video bitrate: %lu\n", static_cast<unsigned long>(videoBitRate));
     }
-    return true;
 }
 
 void Option::usage() const

@@ -14,8 +14,13 @@ extern const char* const Resize_version;
 class Option {
 public:
     Option();
-    // argv[0] is the command name. False when the usage is to be shown.
+    // Reads the words; argv[0] is the command name. False when the usage is
+    // to be shown.
     bool parse(int argc, const std::vector<std::wstring>& argv);
+    // Probes the source the run has opened (printing what it finds) and
+    // derives the defaults that depend on it: codec, key-frame interval and
+    // video bit rate. A source whose video cannot be probed leaves them unset.
+    void derive(const SourceMovie& source);
     void usage() const;
 
     int32_t keyFrameInterval;

@@ -69,30 +69,6 @@ bool isSupporFullRangePixelFormat()
     return supported;
 }
 
-std::wstring sourceProblem(const std::wstring& path)
-{
-    auto message = [](int error) { return GLTK::wchar::mbs2wcs(std::strerror(error)); };
-    // Opened without waiting, so that a FIFO cannot hold the run here.
-    const int fd = ::open(GLTK::FileIO::toNative(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0)
-        return message(errno);
-    struct stat st {};
-    const bool known = fstat(fd, &st) == 0;
-    ::close(fd);
-    if (known && S_ISDIR(st.st_mode))
-        return message(EISDIR);
-    // A movie is a file of boxes with a movie box (moov) among them; one
-    // that begins as an MP4 but has none was most likely cut short.
-    MP4::Container movie;
-    if (!known || !S_ISREG(st.st_mode) || !movie.attach(path))
-        return L"not an MP4 movie";
-    if (movie.moov == nullptr)
-        return !movie.root->children.empty() && movie.root->children.front()->is("ftyp")
-                   ? L"not an MP4 movie (no moov box)"
-                   : L"not an MP4 movie";
-    return {};
-}
-
 void printElapsed(std::chrono::steady_clock::time_point start)
 {
     auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();

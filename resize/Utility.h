@@ -32,11 +32,6 @@ bool kill(int argc, const std::vector<std::wstring>& argv, int& status);
 // platform (libswscale converts to full-range NV12).
 bool isSupporFullRangePixelFormat();
 
-// Why the source cannot be converted, as a user reads it: the system's
-// message when it cannot be opened ("No such file or directory"), "Is a
-// directory", or "not an MP4 movie". Empty when it can be.
-std::wstring sourceProblem(const std::wstring& path);
-
 // "\n%0.4f [sec]\n" with the elapsed time truncated to whole milliseconds.
 void printElapsed(std::chrono::steady_clock::time_point start);
 

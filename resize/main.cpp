@@ -1,5 +1,4 @@
 // Resize: converts an ORVEX camera movie and rebuilds its metadata.
-#include "CameraModel.h"
 #include "GLTKCancel.h"
 #include "GLTKConsole.h"
 #include "GLTKFileIO.h"
@@ -82,7 +81,15 @@ int run(int argc, const std::vector<std::wstring>& args)
     // is seen at the next check.
     if (GLTK::cancelRequested() || !option.parse(argc, args) || GLTK::cancelRequested())
         return stop(option);
-    if (!targetsAreFree(option))
+    // The source is opened and read once, here; every stage works from it.
+    // One that cannot be converted is named with the reason, and nothing
+    // more is tried.
+    SourceMovie source;
+    std::wstring problem;
+    if (!source.open(option.sourcePath, problem))
+        return stop(option, option.sourcePath + L": " + problem + L"\n");
+    option.derive(source);
+    if (GLTK::cancelRequested() || !targetsAreFree(option))
         return stop(option);
     // The movie is written under a temporary name beside the output from
     // the first byte on, by the encoder as well as by the metadata rebuild.
@@ -98,7 +105,7 @@ int run(int argc, const std::vector<std::wstring>& args)
     }
     {
         MetaBuilder meta(Resize_image, Resize_version, false);
-        meta.readMeta(option.sourcePath, option.reEncode != 0);
+        meta.readMeta(source, option.reEncode != 0);
         if (frames != 0) {
             unsigned perSecond = option.probe.frameRate > 29.0f ? 30 : 15;
             meta.trimStream(option.start * perSecond, sensorEntries(frames, option.probe.frameRate, perSecond));
@@ -110,8 +117,8 @@ int run(int argc, const std::vector<std::wstring>& args)
         unsigned end = option.end;
         if (end != 0xFFFFFFFFu && option.probe.duration > 0.0f && double(end) >= option.probe.duration)
             end = 0xFFFFFFFFu;
-        if (option.reEncode && CameraModel::isNewer(option.probe.cameraVersion) &&
-            !meta.readSpatialData(option.sourcePath, option.start, end))
+        if (option.reEncode && source.newer() &&
+            !meta.readSpatialData(option.start, end == 0xFFFFFFFFu ? -1.0 : double(end)))
             return stop(option, L"readSpatialData failed.\n");
         // The rebuild reads the movie it wrote back whole before it keeps it.
         bool updated = option.reEncode ? meta.updateMeta(movie.temporaryPath(), nullptr,

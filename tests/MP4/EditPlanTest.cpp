@@ -54,7 +54,7 @@ TEST(EditPlan, EveryOffsetFollowsWhenMoovMovesAndGrows)
     // moov goes in front of the media and grows by a longer Spherical Video
     // box, a bigger udta and new location boxes: the chunk offsets of every
     // track (stco, co64), of the spatial-audio track behind moov or behind
-    // mdat, and the QDT9 pointer all follow.
+    // mdat, and the QDT9 pointer (which the camera layer registers) follow.
     for (const char* options : {"--model newer --spatial after-moov", "--model newer --co64 --mdat-largesize",
                                 "--model older --spatial after-mdat"}) {
         SCOPED_TRACE(options);
@@ -63,6 +63,7 @@ TEST(EditPlan, EveryOffsetFollowsWhenMoovMovesAndGrows)
         ASSERT_TRUE(m.c.moovFirst(plan));
         ASSERT_TRUE(m.c.appendSphericalVideoXML(plan, std::string(3000, ' ')));
         ASSERT_TRUE(m.c.replaceUdta(plan, m.biggerUdta(plan, 300)));
+        ASSERT_TRUE(SpatialDataCopy::carry(m.c, m.c, 0, MP4::SpatialSound(), plan));
         m.c.updateTimeStamp(plan, 3000000000ull);
         ASSERT_TRUE(plan.write(w(m.out)));
         EXPECT_FALSE(plan.wroteInPlace);
@@ -120,7 +121,7 @@ TEST(EditPlan, OffsetsAndSizesPastThirtyTwoBitsAndDamagedBoxesAreRefusedBeforeWr
         MP4::Container c;
         ASSERT_TRUE(c.attach(w(file)));
         EditPlan plan(c);
-        ASSERT_TRUE(plan.insert(L"test", *c.moov, static_cast<MP4::NestedBox&>(*c.moov).endOfChildren(),
+        ASSERT_TRUE(plan.insert(L"test", *c.moov, c.moov->endOfChildren(),
                                 {EditPlan::bytes(ByteArray("0123456789abcdef", 16))}));
         std::string said = printedBy([&] { EXPECT_FALSE(plan.write(w(dir / "out.mp4"))); });
         EXPECT_NE(said.find("'moov'"), std::string::npos) << said;
@@ -190,7 +191,7 @@ TEST(EditPlan, BadLociGiveWayToNewLocationBoxesBesideTheSphericalBox)
     m.c.removeBadLOCI(plan);
     GPSInfo gps;
     gps.attachRXYZ("+35.6586+139.7454+040.000/");
-    ASSERT_TRUE(m.c.appendLocationAndSphericalVideoXML(plan, gps, "<xml/>"));
+    ASSERT_TRUE(m.c.appendSphericalVideoXML(plan, "<xml/>") && m.c.appendLocation(plan, gps));
     ASSERT_TRUE(plan.write(w(m.out)));
     std::string why;
     EXPECT_TRUE(decodesCleanly(m.out, &why)) << why; // the source's cut loci made ffmpeg refuse it
@@ -209,11 +210,11 @@ TEST(SpatialData, CutToOneSecondIntoANewBoxThatItsChunksAndQdt9Name)
 {
     Work camera("--model newer --duration 3");
     MP4::SpatialSound sound;
-    EXPECT_FALSE(sound.attach(w(camera.file), 2.0, 1.0));
-    EXPECT_FALSE(sound.attach(w(camera.file), 0.0, 60.0)) << "an end beyond the data";
-    ASSERT_TRUE(sound.attach(w(camera.file), -1.0, -1.0));
+    EXPECT_FALSE(sound.attach(camera.c, 2.0, 1.0));
+    EXPECT_FALSE(sound.attach(camera.c, 0.0, 60.0)) << "an end beyond the data";
+    ASSERT_TRUE(sound.attach(camera.c, -1.0, -1.0));
     EXPECT_FALSE(sound.trimmed) << "the whole movie is carried as it stands";
-    ASSERT_TRUE(sound.attach(w(camera.file), 1.0, 2.0));
+    ASSERT_TRUE(sound.attach(camera.c, 1.0, 2.0));
     ASSERT_TRUE(sound.trimmed);
     const uint64_t kept = sound.endByte - sound.startByte;
     EXPECT_EQ(kept, sound.startByte) << "one second of a constant rate";

@@ -66,7 +66,7 @@ inline int boxTree(const uint8_t* data, size_t size)
     for (const char* p : {"moov.trak.mdia.minf.stbl.stsd.avc1.avcC", "moov.trak.mdia.minf.stbl.stco",
                           "moov.trak.mdia.minf.stbl.co64", "moov.udta", "moov.meta", "uuid.QATR.mdia.minf.stbl.stsz"})
         c.find(p, [](MP4::BOX&) { return true; });
-    MP4::SpatialSound().attach(c.path, double(size % 3), size % 5 ? double(size % 7) : -1.0);
+    MP4::SpatialSound().attach(c, double(size % 3), size % 5 ? double(size % 7) : -1.0);
     return 0;
 }
 
@@ -125,7 +125,7 @@ inline int sensorBoxes(const uint8_t* data, size_t size)
     const Bytes udta = box("udta", Bytes(data, data + size));
     MP4::Container c;
     attach(c, cat({box("ftyp", {'i', 's', 'o', 'm'}), box("moov", udta)}));
-    auto load = [&]<class T>(void (*reader)(MP4::Container&, std::vector<T>&, unsigned short&)) {
+    auto load = [&]<class T>(void (*reader)(const MP4::Container&, std::vector<T>&, unsigned short&)) {
         std::vector<T> records;
         unsigned short extra = 0;
         reader(c, records, extra);
@@ -155,16 +155,20 @@ inline int xml(const uint8_t* data, size_t size)
     const std::string text(reinterpret_cast<const char*>(data), size);
     const Bytes tkhd = box("tkhd", cat({Bytes(76, 0), {0x03, 0xC0, 0, 0, 0x01, 0xE0, 0, 0}})); // 960x480
     const Bytes trak = box("trak", cat({tkhd, uuidBox(MP4::SphericalXML::_UUID, data, size)}));
-    MP4::Container c;
-    attach(c, cat({box("ftyp", {'i', 's', 'o', 'm'}), box("moov", cat({trak, box("udta", box("@xyz", Bytes(data, data + size)))})),
-                   uuidBox(MP4::XMP::_UUID, data, size)}));
+    SourceMovie movie;
+    std::wstring problem;
+    if (!movie.open(memoryFile(cat({box("ftyp", {'i', 's', 'o', 'm'}),
+                                    box("moov", cat({trak, box("udta", box("@xyz", Bytes(data, data + size)))})),
+                                    uuidBox(MP4::XMP::_UUID, data, size)})),
+                    problem))
+        std::abort(); // it has a movie box
     MetaProbe probe;
-    probe.readMetadata(c);
+    probe.readMetadata(movie.metadata);
     MetaBuilder meta("fuzz", "0", false);
     VideoStabilizationMode mode;
     mode.yaw = 1;
     mode.image = 1;
-    meta.readMeta(c.path, size % 2 == 0, mode);
+    meta.readMeta(movie, size % 2 == 0, mode);
     ViewHeading current, asked, v;
     meta.currentViewHeading(current);
     asked.heading = 90.5f;
@@ -223,6 +227,10 @@ inline int convert(const uint8_t* data, size_t size)
 {
     const Bytes bytes(data, data + size);
     const std::wstring& source = memoryFile(bytes);
+    SourceMovie movie;
+    std::wstring problem;
+    if (!movie.open(source, problem))
+        return 0; // refused before any rebuild
     static const std::string dir = [] {
         char folder[] = "/tmp/resize-fuzz-convert-XXXXXX";
         if (mkdtemp(folder) == nullptr)
@@ -233,7 +241,7 @@ inline int convert(const uint8_t* data, size_t size)
     const std::wstring out = GLTK::wchar::mbs2wcs(outPath), encoded = GLTK::wchar::mbs2wcs(encodedPath);
     {
         MetaBuilder meta("fuzz", "0", false);
-        meta.readMeta(source, false);
+        meta.readMeta(movie, false);
         if (size % 3 != 0) {
             ViewHeading asked;
             asked.heading = 190.0f;
@@ -248,8 +256,8 @@ inline int convert(const uint8_t* data, size_t size)
         std::abort();
     {
         MetaBuilder meta("fuzz", "0", false);
-        meta.readMeta(source, true);
-        meta.readSpatialData(source, size % 2 ? 0.0 : 0.25, size % 5 ? -1.0 : 0.4);
+        meta.readMeta(movie, true);
+        meta.readSpatialData(size % 2 ? 0.0 : 0.25, size % 5 ? -1.0 : 0.4);
         if (meta.updateMeta(encoded, nullptr, true))
             expectWhole(encoded);
     }

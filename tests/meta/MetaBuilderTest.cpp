@@ -1,7 +1,7 @@
 // The rebuild's own reading rules and decisions, on small synthetic movies.
 #include "BoxBytes.h"
 #include "GLTKwchar.h"
-#include "MetaBuilder.h"
+#include "RebuildRequest.h"
 #include "SourceMetadata.h"
 #include "TestSupport.h"
 
@@ -43,29 +43,29 @@ TEST(SourceMetadata, SphericalXmlIsTheVideoTracksFirstV1BoxWhateverComesBefore)
     EXPECT_EQ(found.makerNote, SourceMetadata::MakerNote::Missing);
 }
 
-TEST(MetaBuilder, SphericalXmlIsMadeOnlyForTwoToOneFrames)
+TEST(RebuildRequest, SphericalXmlIsMadeOnlyForTwoToOneFrames)
 {
     TempDir dir;
     MP4::Container c;
-    MetaBuilder m("Resize.osx", "2.8.3.2019.07.25", false);
+    RebuildRequest m;
     testing::internal::CaptureStdout();
-    m.updateSphereXML(movie(dir, c, box("trak", tkhd(3840, 2160))), false);
+    m.settleSphericalXml(movie(dir, c, box("trak", tkhd(3840, 2160))), false);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "MP4: Not a spherical video.\n");
     EXPECT_TRUE(m.sphericalXml.empty());
 
     testing::internal::CaptureStdout();
-    m.updateSphereXML(movie(dir, c, box("trak", tkhd(3840, 1920))), false);
+    m.settleSphericalXml(movie(dir, c, box("trak", tkhd(3840, 1920))), false);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Appned New GVF-BOX.\n");
     EXPECT_EQ(m.sphericalXml.size(), 1000u);
 
     // A maker note that says "not equirectangular" stops it for a copy, but
     // not for a fresh encode edited in place.
-    MetaBuilder n("Resize.osx", "2.8.3.2019.07.25", false);
+    RebuildRequest n;
     n.projectionType = 2;
     testing::internal::CaptureStdout();
-    n.updateSphereXML(c, false);
+    n.settleSphericalXml(c, false);
     EXPECT_TRUE(n.sphericalXml.empty());
-    n.updateSphereXML(c, true);
+    n.settleSphericalXml(c, true);
     testing::internal::GetCapturedStdout();
     EXPECT_FALSE(n.sphericalXml.empty());
 }

@@ -2,7 +2,6 @@
 
 #include "AccelSensorStreamEmbed.h"
 #include "GLTKConsole.h"
-#include "MetaBuilder.h"
 #include "SensorStreamBoxes.h"
 #include "Thumbnailer.h"
 
@@ -18,7 +17,7 @@ bool CameraUdta::update(const MP4::Container& camera, unsigned file, const MP4::
                         const std::wstring& mediaPath, MP4::EditPlan& plan) const
 {
     for (const MP4::BOX* box : udta.children) {
-        if (box->size < 9 || box->largesize || !box->isWhole(camera.length()))
+        if (box->size < 9 || box->largesize || !box->whole())
             continue;
         if (box->is("QMKN")) {
             ByteArray payload;
@@ -29,9 +28,9 @@ bool CameraUdta::update(const MP4::Container& camera, unsigned file, const MP4::
             plan.patch(file, box->payloadStart(), std::move(note));
         } else if (box->is("QTHU")) {
             redrawThumbnail(*box, file, mediaPath, plan);
-        } else if (meta.trimCount > 0 && box->is("QDTD")) {
+        } else if (req.trimCount > 0 && box->is("QDTD")) {
             trimSensorBox(camera, *box, sizeof(AccelSensorStreamEmbed::TopBottomCorrection), file, plan);
-        } else if (meta.trimCount > 0 && box->is("QDTC")) {
+        } else if (req.trimCount > 0 && box->is("QDTC")) {
             trimSensorBox(camera, *box, sizeof(AccelSensorStreamEmbed::Ecompass), file, plan);
         }
     }
@@ -51,12 +50,12 @@ void CameraUdta::updateMakerNote(ByteArray& note) const
     };
     uint8_t* p = note.data;
     const size_t n = static_cast<size_t>(note.length);
-    int32_t zenith = meta.makerModes[0], rollingShutter = meta.makerModes[2];
+    int32_t zenith = req.makerModes[0], rollingShutter = req.makerModes[2];
     attempt(L"ProjectionType update failed.\n",
             [&] { return ExifParser::updateProjectionType(p, n, ExifParser::PROJECTION_EQUIRECTANGULAR); });
     attempt(L"SphereAdjZenith update failed.\n", [&] { return ExifParser::updateSphereAdjZenith(p, n, zenith); });
     attempt(L"VideoStabilization update failed.\n",
-            [&] { return ExifParser::updateVideoStabilization(p, n, meta.makerModes[1]); });
+            [&] { return ExifParser::updateVideoStabilization(p, n, req.makerModes[1]); });
     attempt(L"AdjRollingShutter update failed.\n",
             [&] { return ExifParser::updateAdjRollingShutter(p, n, rollingShutter); });
 }
@@ -82,6 +81,6 @@ void CameraUdta::trimSensorBox(const MP4::Container& camera, const MP4::BOX& box
 {
     ByteArray bytes;
     if (camera.readBox(box, kMaxSensorBox, bytes) &&
-        SensorStream::trimSensorBox(bytes.data, bytes.length, recordSize, meta.trimStart, meta.trimCount))
+        SensorStream::trimSensorBox(bytes.data, bytes.length, recordSize, req.trimStart, req.trimCount))
         plan.patch(file, box.start, std::move(bytes));
 }

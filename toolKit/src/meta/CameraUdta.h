@@ -5,13 +5,11 @@
 // states; the maker thumbnail is drawn anew from the output's media (or the
 // box becomes "free" when the new one does not fit); after a trim the QDTD
 // and QDTC sensor streams keep the entries of the kept range.
-#include "MP4Container.h"
-
-class MetaBuilder;
+#include "RebuildRequest.h"
 
 class CameraUdta {
 public:
-    explicit CameraUdta(const MetaBuilder& rebuild) : meta(rebuild) {}
+    explicit CameraUdta(const RebuildRequest& request) : req(request) {}
     // Patches the udta of the camera's movie (input `file` of the plan);
     // mediaPath is the movie whose frames the output carries.
     bool update(const MP4::Container& camera, unsigned file, const MP4::NestedBox& udta,
@@ -23,5 +21,5 @@ private:
     void trimSensorBox(const MP4::Container& camera, const MP4::BOX& box, unsigned recordSize, unsigned file,
                        MP4::EditPlan& plan) const;
 
-    const MetaBuilder& meta;
+    const RebuildRequest& req;
 };

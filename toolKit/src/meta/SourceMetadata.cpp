@@ -9,6 +9,8 @@ namespace {
 // Text boxes are read at most this far.
 constexpr uint64_t kMaxText = 4096;
 constexpr uint64_t kMaxMakerNote = 16 << 20;
+// The XMP, axis and Spherical XML payloads; a larger one is left unread.
+constexpr uint64_t kMaxUuidText = 16 << 20;
 } // namespace
 
 bool SourceMetadata::read(const MP4::Container& c)
@@ -46,13 +48,12 @@ bool SourceMetadata::read(const MP4::Container& c)
 
     c.find<MP4::UUID>("uuid", [&](MP4::UUID& u) {
         if (u.hasUserType(MP4::XMP::_UUID) && !hasXmp) {
-            hasXmp = true;
-            xmp = u.payload.toString();
+            hasXmp = c.readPayload(u, kMaxUuidText, xmp);
             if (!gps.hasDirection)
                 gps.attachCompass(xmp);
             MetaText::elementText(xmp, "<VideoStabilization>", "</VideoStabilization>", false, stabilizationSummary);
         } else if (u.hasUserType(MP4::AXIS::_UUID) && axis.empty()) {
-            axis = u.payload.toString();
+            c.readPayload(u, kMaxUuidText, axis);
         }
         return true;
     });
@@ -69,8 +70,7 @@ bool SourceMetadata::read(const MP4::Container& c)
         c.videoTrack->find<MP4::UUID>("uuid", [&](MP4::UUID& u) {
             if (!u.hasUserType(MP4::SphericalXML::_UUID))
                 return true;
-            hasSphericalXml = true;
-            sphericalXml = u.payload.toString();
+            hasSphericalXml = c.readPayload(u, kMaxUuidText, sphericalXml);
             return false;
         });
 
@@ -81,7 +81,7 @@ bool SourceMetadata::read(const MP4::Container& c)
                 const auto* sv3d = e != nullptr ? e->first<MP4::SV3D>("sv3d") : nullptr;
                 const auto* prhd = sv3d != nullptr ? sv3d->first<MP4::PRHD>("proj.prhd") : nullptr;
                 const auto* svhd = sv3d != nullptr ? sv3d->first<MP4::SVHD>("svhd") : nullptr;
-                if (!sv3d || !sv3d->complete() || prhd == nullptr || svhd == nullptr)
+                if (prhd == nullptr || svhd == nullptr)
                     continue;
                 hasV2 = true;
                 v2Yaw = prhd->yaw;

@@ -17,7 +17,7 @@ void pointQdt9(const MP4::Container& camera, unsigned file, MP4::EditPlan::Posit
                uint64_t size, MP4::EditPlan& plan)
 {
     const MP4::BOX* qdt9 = camera.first("moov.udta.QDT9");
-    if (qdt9 == nullptr || qdt9->size < kQdt9Size || qdt9->clippedEnd(camera.length()) < qdt9->start + kQdt9Size)
+    if (qdt9 == nullptr || qdt9->size < kQdt9Size || qdt9->reach < qdt9->start + kQdt9Size)
         return;
     ByteArray fields;
     fields.append64be(0);
@@ -33,7 +33,7 @@ void pointQdt9(const MP4::Container& camera, unsigned file, MP4::EditPlan::Posit
         pointer.target = target;
         pointer.addend = addend;
         pointer.owner = "QDT9";
-        plan.setOffsets(file, pointer);
+        plan.registerOffsets(file, pointer);
     }
     plan.patch(file, qdt9->start + 8, std::move(fields));
 }
@@ -53,7 +53,7 @@ bool carry(const MP4::Container& movie, const MP4::Container& camera, unsigned f
     // the rest, unless the recording was cut short inside it.
     const MP4::BOX* own = movie.spatialData();
     const bool carried = own != nullptr && plan.keeps(*own);
-    if (!box->isWhole(camera.length()) || box->largesize) {
+    if (!box->whole() || box->largesize) {
         GLTK::Console::out(L"MP4: the spatial data of %ls is cut short; it is left out.\n", camera.path.c_str());
         pointQdt9(camera, file, {}, 0, 0, plan);
         return !carried || plan.remove(L"trimSpatialData", *own);
@@ -72,7 +72,7 @@ bool carry(const MP4::Container& movie, const MP4::Container& camera, unsigned f
     const uint64_t kept = sound.endByte - sound.startByte;
     const uint64_t from = sound.payloadStart + sound.startByte;
     const uint64_t total = MP4::UUID::kHeader + 8 + kept + sound.buffer.length;
-    if (total > UINT32_MAX || from < sound.payloadStart || from + kept > qadt->clippedEnd(camera.length())) {
+    if (total > UINT32_MAX || from < sound.payloadStart || from + kept > qadt->reach) {
         GLTK::Console::out(L"Container::trimSpatialData(%ls) failed.\n", camera.path.c_str());
         return false;
     }

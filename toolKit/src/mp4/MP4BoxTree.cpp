@@ -1,27 +1,45 @@
-// The core of the box tree: headers, nesting, path lookup and the factory
-// that makes the typed child of each code.
+// The core of the box tree: headers, nesting, path lookup, the factory that
+// makes the typed child of each code, and the boxes that only nest others.
 #include "MP4Box.h"
+
+#include "GLTKConsole.h"
+#include "GLTKwchar.h"
 
 #include <algorithm>
 #include <cstring>
+#include <map>
+#include <memory>
 
 namespace MP4 {
 
+namespace {
+using GLTK::Console;
+using ull = unsigned long long;
+} // namespace
+
 // ---------------------------------------------------------------- BOX
 
-BOX::BOX(BinFile& file, int d, BOX* p) : depth(d), parent(p)
+bool BOX::readHeader(BinFile& file, uint64_t at, int d, BOX* p)
 {
-    start = file.position;
-    size = file.read32();
-    type = file.readType();
-    if (size == 1) {
+    depth = d;
+    parent = p;
+    start = at;
+    uint32_t size32 = 0;
+    if (!file.moveTo(at) || !file.read32(size32) || !file.readType(type) || type == 0)
+        return false;
+    size = size32;
+    if (size32 == 1) {
         largesize = true;
-        size = file.read64();
-    } else if (size == 0 && type != 0) {
+        if (!file.read64(size))
+            return false;
+    } else if (size32 == 0) {
         openEnded = true;
-        uint64_t len = file.length();
-        size = len > start ? len - start : 0;
+        size = file.length() > start ? file.length() - start : 0;
     }
+    // A size that wraps around reaches no further than its parent.
+    const uint64_t limit = parent != nullptr ? parent->reach : file.length();
+    reach = std::max(start, std::min(end() < start ? UINT64_MAX : end(), limit));
+    return true;
 }
 
 std::string BOX::typeText() const
@@ -35,22 +53,77 @@ std::string BOX::typeText() const
     return t;
 }
 
-uint64_t BOX::clippedEnd(uint64_t fileLength) const
-{
-    uint64_t e = end() < start ? UINT64_MAX : end();
-    e = std::min(e, fileLength);
-    for (const BOX* p = parent; p != nullptr; p = p->parent)
-        if (p->end() >= p->start) // a size that wraps around says nothing
-            e = std::min(e, p->end());
-    return std::max(e, start);
-}
-
 bool BOX::isInside(const BOX& other) const
 {
     for (const BOX* b = this; b != nullptr; b = b->parent)
         if (b == &other)
             return true;
     return false;
+}
+
+void BOX::copyHeader(const BOX& h)
+{
+    depth = h.depth;
+    start = h.start;
+    size = h.size;
+    type = h.type;
+    largesize = h.largesize;
+    openEnded = h.openEnded;
+    parent = h.parent;
+    reach = h.reach;
+}
+
+std::wstring BOX::basicTag() const
+{
+    std::wstring t = GLTK::wchar::mbs2wcs(typeText());
+    wchar_t buf[96];
+    swprintf(buf, 96, L"'%ls': start=%llu bytes=%llu", t.c_str(), ull(start), ull(size));
+    return buf;
+}
+
+std::wstring BOX::indent() const
+{
+    return depth > 0 ? std::wstring(static_cast<size_t>(depth) * 4, L' ') : std::wstring();
+}
+
+void BOX::dump() const
+{
+    if (unreadable.empty())
+        Console::out(L"MP4: %ls<%ls >\n", indent().c_str(), basicTag().c_str());
+    else
+        Console::out(L"MP4: %ls<%ls unreadable=\"%ls\" >\n", indent().c_str(), basicTag().c_str(),
+                     GLTK::wchar::mbs2wcs(unreadable).c_str());
+}
+
+// ---------------------------------------------------------------- the factory
+
+namespace {
+
+// The class of a box of `type` under a parent of `parentType`.
+BOX* make(uint32_t parentType, const BOX& header)
+{
+    static const std::map<std::pair<uint32_t, uint32_t>, BOX* (*)(const BOX&)> kinds = [] {
+        std::map<std::pair<uint32_t, uint32_t>, BOX* (*)(const BOX&)> all;
+        for (const BoxKinds* family : {&containerBoxKinds(), &headerBoxKinds(), &sampleTableBoxKinds(),
+                                       &locationBoxKinds(), &uuidBoxKinds(), &sphericalBoxKinds()})
+            for (const BoxKind& k : *family)
+                all[{fourcc(k.parent), fourcc(k.type)}] = k.make;
+        return all;
+    }();
+    auto it = kinds.find({parentType, header.type});
+    return it != kinds.end() ? it->second(header) : new BOX(header);
+}
+
+} // namespace
+
+const BoxKinds& containerBoxKinds()
+{
+    static const BoxKinds kinds = {
+        {"root", "moov", newBox<MOOV>}, {"root", "meta", newBox<META>},    {"moov", "trak", newBox<TRAK>},
+        {"moov", "udta", newBox<UDTA>}, {"trak", "mdia", newBox<MDIA>},    {"QATR", "mdia", newBox<MDIA>},
+        {"mdia", "minf", newBox<MINF>}, {"minf", "stbl", newBox<STBL>},
+    };
+    return kinds;
 }
 
 // ---------------------------------------------------------------- nesting
@@ -61,37 +134,33 @@ NestedBox::~NestedBox()
         delete c;
 }
 
-void NestedBox::parseChildren(BinFile& file, uint64_t end)
+void NestedBox::parseChildren(BinFile& file)
 {
-    const uint64_t myEnd = std::min(this->start + this->size, end);
     childrenRead = true;
     childrenAt = file.position;
     if (depth + 1 > kMaxDepth)
         return;
-    file.limit = myEnd;
-    BOX header(file, depth + 1, this);
-    while (header.type != 0) {
+    uint64_t at = childrenAt;
+    while (at < reach) {
+        BOX header;
+        file.limit = reach;
         // A box shorter than its own header cannot be skipped over: the rest
         // of the parent is unreadable.
-        uint64_t minimum = header.largesize ? 16 : 8;
-        if (header.size < minimum)
+        if (!header.readHeader(file, at, depth + 1, this) || header.size < header.headerSize())
             break;
-        BOX* child = allocChild(header);
-        child->parseBox(file, end);
-        children.push_back(child);
-        uint64_t next = header.start + header.size;
-        if (next < header.start || next >= myEnd)
+        std::unique_ptr<BOX> child(make(type, header));
+        file.limit = child->reach;
+        if (!file.moveTo(child->payloadStart()) || !child->parseBox(file)) {
+            auto plain = std::make_unique<BOX>(header);
+            plain->unreadable = child->unreadable.empty() ? "its fields run past its end" : child->unreadable;
+            child = std::move(plain);
+        }
+        children.push_back(child.release());
+        const uint64_t next = header.end();
+        if (next <= at || next >= reach)
             break;
-        if (!file.seek_set(static_cast<int64_t>(next)))
-            break;
-        file.limit = myEnd;
-        header = BOX(file, depth + 1, this);
+        at = next;
     }
-}
-
-void NestedBox::parseBox(BinFile& file, uint64_t end)
-{
-    parseChildren(file, end);
 }
 
 void NestedBox::find(const char* path, const std::function<bool(BOX&)>& visit) const
@@ -134,138 +203,32 @@ uint64_t NestedBox::endOfChildren() const
     return std::min(children.back()->end(), end());
 }
 
-void NestedBoxWithVersion::parseBox(BinFile& file, uint64_t end)
+void NestedBox::dump() const
 {
-    file.limit = std::min(start + size, end);
-    versionFlags = file.read32();
-    parseChildren(file, end);
+    Console::out(L"MP4: %ls<%ls children=%lu >\n", indent().c_str(), basicTag().c_str(),
+                 static_cast<unsigned long>(children.size()));
+    for (const BOX* c : children)
+        c->dump();
 }
 
-void META::parseBox(BinFile& file, uint64_t end)
+bool NestedBoxWithVersion::parseBox(BinFile& file)
 {
-    file.limit = std::min(start + size, end);
+    RCHECK(file.read32(versionFlags));
+    parseChildren(file);
+    return true;
+}
+
+bool META::parseBox(BinFile& file)
+{
     const uint64_t body = file.position;
     uint8_t head[8];
     if (file.readBytes(head, 8) && std::memcmp(head + 4, "hdlr", 4) == 0) {
-        file.seek_set(static_cast<int64_t>(body));
-        parseChildren(file, end);
-        return;
+        RCHECK(file.moveTo(body));
+        parseChildren(file);
+        return true;
     }
-    file.seek_set(static_cast<int64_t>(body));
-    NestedBoxWithVersion::parseBox(file, end);
-}
-
-// ---------------------------------------------------------------- factory
-
-template <class T> static BOX* make(BOX& h) { return new T(h); }
-
-BOX* NestedBox::allocChild(BOX& h)
-{
-    return new BOX(h);
-}
-
-BOX* ROOT::allocChild(BOX& h)
-{
-    switch (h.type) {
-    case fourcc("ftyp"): return make<FTYP>(h);
-    case fourcc("mdat"): return make<MDAT>(h);
-    case fourcc("moov"): { h.parent = nullptr; return make<MOOV>(h); }
-    case fourcc("meta"): { h.parent = nullptr; return make<META>(h); }
-    case fourcc("uuid"): { h.parent = nullptr; return make<UUID>(h); }
-    default: return make<BOX>(h);
-    }
-}
-
-BOX* MOOV::allocChild(BOX& h)
-{
-    switch (h.type) {
-    case fourcc("mvhd"): return make<MVHD>(h);
-    case fourcc("udta"): return make<UDTA>(h);
-    case fourcc("trak"): return make<TRAK>(h);
-    default: return make<BOX>(h);
-    }
-}
-
-BOX* TRAK::allocChild(BOX& h)
-{
-    switch (h.type) {
-    case fourcc("uuid"): return make<UUID>(h);
-    case fourcc("tkhd"): return make<TKHD>(h);
-    case fourcc("mdia"): return make<MDIA>(h);
-    default: return make<BOX>(h);
-    }
-}
-
-BOX* MDIA::allocChild(BOX& h)
-{
-    switch (h.type) {
-    case fourcc("mdhd"): return make<MDHD>(h);
-    case fourcc("minf"): return make<MINF>(h);
-    default: return make<BOX>(h);
-    }
-}
-
-BOX* MINF::allocChild(BOX& h)
-{
-    return h.type == fourcc("stbl") ? make<STBL>(h) : make<BOX>(h);
-}
-
-BOX* STBL::allocChild(BOX& h)
-{
-    switch (h.type) {
-    case fourcc("stco"): return make<STCO>(h);
-    case fourcc("co64"): return make<CO64>(h);
-    case fourcc("stsc"): return make<STSC>(h);
-    case fourcc("stsd"): return make<STSD>(h);
-    case fourcc("stsz"): return make<STSZ>(h);
-    case fourcc("stts"): return make<STTS>(h);
-    default: return make<BOX>(h);
-    }
-}
-
-BOX* STSD::allocChild(BOX& h)
-{
-    switch (h.type) {
-    case fourcc("avc1"): return make<AVC1>(h);
-    case fourcc("hvc1"):
-    case fourcc("hev1"): return make<VisualSampleEntry>(h);
-    case fourcc("sowt"): return make<SOWT>(h);
-    default: return make<BOX>(h);
-    }
-}
-
-BOX* VisualSampleEntry::allocChild(BOX& h)
-{
-    switch (h.type) {
-    case fourcc("st3d"): return make<ST3D>(h);
-    case fourcc("sv3d"): return make<SV3D>(h);
-    default: return make<BOX>(h);
-    }
-}
-
-BOX* AVC1::allocChild(BOX& h)
-{
-    return h.type == fourcc("avcC") ? make<AVCC>(h) : VisualSampleEntry::allocChild(h);
-}
-
-BOX* UDTA::allocChild(BOX& h)
-{
-    static const uint32_t cxyz = fourcc("\xA9xyz");
-    if (h.type == fourcc("loci"))
-        return make<LOCI>(h);
-    if (h.type == cxyz)
-        return make<XYZ>(h);
-    return make<BOX>(h);
-}
-
-BOX* META::allocChild(BOX& h)
-{
-    return h.type == fourcc("hdlr") ? make<HDLR>(h) : make<BOX>(h);
-}
-
-BOX* UUID::allocChild(BOX& h)
-{
-    return h.type == fourcc("QATR") ? make<TRAK>(h) : make<BOX>(h);
+    RCHECK(file.moveTo(body));
+    return NestedBoxWithVersion::parseBox(file);
 }
 
 // ---------------------------------------------------------------- serialisers

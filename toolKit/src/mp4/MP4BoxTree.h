@@ -1,10 +1,17 @@
 #pragma once
 // The core of the box tree: a box header, nested boxes with their dotted-path
 // lookup, and the factory of typed children. Only the boxes the metadata
-// stages touch get typed classes (declared by family in MP4SampleTables.h,
-// MP4Headers.h, MP4Location.h and MP4UUID.h); every other box is a plain BOX
-// that remembers where it lies and how big it is, so that it can be copied
-// byte for byte.
+// stages touch get typed classes, declared by family (MP4Headers.h,
+// MP4SampleTables.h, MP4Location.h, MP4UUID.h, MP4Spherical.h), each family
+// with its parse, serialisers, dump lines and factory entries side by side.
+// Every other box is a plain BOX that remembers where it lies and how big it
+// is, so that it can be copied byte for byte.
+//
+// One rule tells whether a box can be used: a typed box exists only when its
+// fields were read whole. A box of a known type whose fields are not all
+// there (or make no sense) is kept as a plain box that says why, and the
+// tree itself never fails. Whether a box's bytes are all in the file is its
+// reach: where its bytes really end, cut at its parent's reach.
 #include "ByteArray.h"
 #include "MP4BinFile.h"
 
@@ -18,14 +25,18 @@ namespace MP4 {
 class BOX {
 public:
     BOX() = default;
-    // Reads one box header at the file's position.
-    BOX(BinFile& file, int depth, BOX* parent);
     virtual ~BOX() = default;
 
+    // Reads a box header at `at` below `parent`, whose reach bounds it.
+    // False when no whole header is there, or its type is zero (padding).
+    bool readHeader(BinFile& file, uint64_t at, int depth, BOX* parent);
+
     virtual bool hasChild() const { return false; }
+    // Reads the box's own fields: the file stands at the payload, its limit
+    // at the box's reach. False when one is not there or makes no sense (see
+    // fail): the box is then kept as a plain box.
+    virtual bool parseBox(BinFile& /*file*/) { return true; }
     virtual void dump() const;
-    virtual void parseBox(BinFile& /*file*/, uint64_t /*end*/) {}
-    virtual BOX* allocChild(BOX& /*header*/) { return nullptr; }
 
     // "'type': start=N bytes=N"
     std::wstring basicTag() const;
@@ -34,13 +45,10 @@ public:
     uint64_t end() const { return start + size; }
     // Length of the header: 16 with a 64-bit size, else 8.
     uint64_t headerSize() const { return largesize ? 16 : 8; }
-    // The payload offset and length, clipped to the box.
     uint64_t payloadStart() const { return start + headerSize(); }
     uint64_t payloadSize() const { return size > headerSize() ? size - headerSize() : 0; }
-    // The end of the box, cut at the end of each ancestor and of the file.
-    uint64_t clippedEnd(uint64_t fileLength) const;
-    // The box lies wholly inside its ancestors and the file.
-    bool isWhole(uint64_t fileLength) const { return clippedEnd(fileLength) == end(); }
+    // Every byte the box claims is in the file, inside its parents.
+    bool whole() const { return end() >= start && reach == end(); }
     // True when this box is `other` or lies inside it (through parent links).
     bool isInside(const BOX& other) const;
     // This box as class T, or null when it was not read as one.
@@ -55,18 +63,19 @@ public:
     // The size field held 0: the box runs to the end of the file.
     bool openEnded = false;
     BOX* parent = nullptr;
+    // Where the box's bytes really end: its end, cut at its parent's reach.
+    uint64_t reach = 0;
+    // Why a box of a known type is kept as a plain box (empty otherwise).
+    std::string unreadable;
 
 protected:
-    void copyHeader(const BOX& h)
+    // Ends a parse with the reason a reader is given.
+    bool fail(const char* why)
     {
-        depth = h.depth;
-        start = h.start;
-        size = h.size;
-        type = h.type;
-        largesize = h.largesize;
-        openEnded = h.openEnded;
-        parent = h.parent;
+        unreadable = why;
+        return false;
     }
+    void copyHeader(const BOX& h);
     std::wstring indent() const;
 };
 
@@ -83,8 +92,11 @@ public:
 
     bool hasChild() const override { return true; }
     void dump() const override;
-    void parseBox(BinFile& file, uint64_t end) override;
-    BOX* allocChild(BOX& header) override;
+    bool parseBox(BinFile& file) override
+    {
+        parseChildren(file);
+        return true;
+    }
 
     // Visits every box matching the dotted path of four-character codes below
     // this box; the visitor returns true to go on.
@@ -119,27 +131,28 @@ public:
 
     std::vector<BOX*> children;
     // Whether the children were read, and where the first one begins (after
-    // the box's own fields). A box too short for its own fields has none.
+    // the box's own fields).
     bool childrenRead = false;
     uint64_t childrenAt = 0;
 
 protected:
-    void parseChildren(BinFile& file, uint64_t end);
+    // Reads the children from the file's position to the box's reach, each
+    // made by the factory for this box's type.
+    void parseChildren(BinFile& file);
 };
 
 class NestedBoxWithVersion : public NestedBox {
 public:
     using NestedBox::NestedBox;
-    void parseBox(BinFile& file, uint64_t end) override;
+    bool parseBox(BinFile& file) override;
     uint32_t versionFlags = 0;
 };
 
-// The nested boxes, named by their codes; each knows its typed children.
-#define MP4_NESTED(NAME)                            \
-    class NAME : public NestedBox {                 \
-    public:                                         \
-        using NestedBox::NestedBox;                 \
-        BOX* allocChild(BOX& header) override;      \
+// The nested boxes that hold nothing but children, named by their codes.
+#define MP4_NESTED(NAME)            \
+    class NAME : public NestedBox { \
+    public:                         \
+        using NestedBox::NestedBox; \
     };
 MP4_NESTED(ROOT)
 MP4_NESTED(MOOV)
@@ -155,9 +168,28 @@ MP4_NESTED(UDTA)
 class META : public NestedBoxWithVersion {
 public:
     using NestedBoxWithVersion::NestedBoxWithVersion;
-    void parseBox(BinFile& file, uint64_t end) override;
-    BOX* allocChild(BOX& header) override;
+    bool parseBox(BinFile& file) override;
 };
+
+// The factory: which class a box of a type is made as under a parent of a
+// type ("root" for the top level). Each family lists its own boxes beside
+// their parse, serialisers and dump lines.
+struct BoxKind {
+    const char* parent;
+    const char* type;
+    BOX* (*make)(const BOX& header);
+};
+template <class T> BOX* newBox(const BOX& header)
+{
+    return new T(header);
+}
+using BoxKinds = std::vector<BoxKind>;
+const BoxKinds& containerBoxKinds();
+const BoxKinds& headerBoxKinds();
+const BoxKinds& sampleTableBoxKinds();
+const BoxKinds& locationBoxKinds();
+const BoxKinds& uuidBoxKinds();
+const BoxKinds& sphericalBoxKinds();
 
 // Serialisers shared by every box the rebuild writes: a header with a 32-bit
 // size, then the payload.

@@ -13,29 +13,27 @@ Container::~Container() = default;
 
 // ---------------------------------------------------------------- reading
 
-bool Container::attach(const std::wstring& p, uint64_t limit)
+bool Container::attach(const std::wstring& p)
 {
     std::wstring copy = p; // the path may be our own field
-    bool opened = GLTK::FileIO::open(copy, [&](GLTK::FileIO& f) {
-        path = copy;
-        BinFile view(f);
-        parse(view, limit);
-    });
-    return opened;
-}
-
-void Container::parse(BinFile& file, uint64_t limit)
-{
+    root.reset();
+    moov = nullptr;
+    mdat = nullptr;
+    videoTrack = nullptr;
+    path = std::move(copy);
+    file = std::make_unique<GLTK::FileIO>(path, 'r'); // it names our path: keep it as long
+    if (!file->isOpen()) {
+        file.reset(); // errno still says why
+        return false;
+    }
+    BinFile view(*file);
     root = std::make_unique<ROOT>();
     root->depth = -1;
     root->start = 0;
     root->type = fourcc("root");
-    root->size = std::min(file.length(), limit);
-    file.seek_set(0);
-    root->parseBox(file, limit);
-    moov = nullptr;
-    mdat = nullptr;
-    videoTrack = nullptr;
+    root->size = root->reach = file->length();
+    view.moveTo(0);
+    root->parseBox(view);
     moov = root->first<MOOV>("moov");
     mdat = root->first("mdat");
     root->find<TRAK>("moov.trak", [&](TRAK& trak) {
@@ -46,6 +44,7 @@ void Container::parse(BinFile& file, uint64_t limit)
         });
         return true;
     });
+    return true;
 }
 
 void Container::find(const char* p, const std::function<bool(BOX&)>& visit) const
@@ -61,7 +60,10 @@ BOX* Container::first(const char* p) const
 
 bool Container::open(const std::function<void(GLTK::FileIO&)>& action) const
 {
-    return GLTK::FileIO::open(path, action);
+    if (!file)
+        return false;
+    action(*file);
+    return true;
 }
 
 BOX* Container::spatialChild(const char* p) const
@@ -85,13 +87,10 @@ BOX* Container::spatialData() const
 bool Container::readBox(const BOX& b, uint64_t maxBytes, ByteArray& out) const
 {
     out.clear();
-    if (b.size > maxBytes || !b.isWhole(length()))
+    if (b.size > maxBytes || !b.whole() || !file)
         return false;
-    bool ok = false;
-    open([&](GLTK::FileIO& f) {
-        out.resize(b.size);
-        ok = f.seek_set(static_cast<int64_t>(b.start)) && f.read(out.data, b.size) == b.size;
-    });
+    out.resize(b.size);
+    const bool ok = file->seek_set(static_cast<int64_t>(b.start)) && file->read(out.data, b.size) == b.size;
     if (!ok)
         out.clear();
     return ok;
@@ -100,19 +99,15 @@ bool Container::readBox(const BOX& b, uint64_t maxBytes, ByteArray& out) const
 bool Container::readPayload(const BOX& b, uint64_t maxBytes, std::string& out) const
 {
     out.clear();
-    uint64_t n = b.payloadSize();
-    if (n > maxBytes)
+    const uint64_t skip = b.as<UUID>() != nullptr ? 16 : 0;
+    const uint64_t n = b.payloadSize() > skip ? b.payloadSize() - skip : 0;
+    if (n > maxBytes || !b.whole() || !file)
         return false;
-    bool ok = false;
-    open([&](GLTK::FileIO& f) {
-        BinFile v(f);
-        if (!v.seek_set(static_cast<int64_t>(b.payloadStart())))
-            return;
-        out.resize(n);
-        ok = v.readBytes(out.data(), n);
-        if (!ok)
-            out.clear();
-    });
+    out.resize(n);
+    const bool ok = file->seek_set(static_cast<int64_t>(b.payloadStart() + skip)) &&
+                    (n == 0 || file->read(out.data(), n) == n);
+    if (!ok)
+        out.clear();
     return ok;
 }
 
@@ -157,7 +152,7 @@ void Container::updateTimeStamp(EditPlan& plan, uint64_t t) const
 {
     auto writeAt = [&](const BOX& b, uint8_t version) {
         const uint64_t width = version == 1 ? 8 : 4;
-        if (b.size < kCreationTimeAt + width || b.clippedEnd(length()) < b.start + kCreationTimeAt + width)
+        if (b.size < kCreationTimeAt + width || b.reach < b.start + kCreationTimeAt + width)
             return;
         ByteArray field;
         if (version == 1)

@@ -22,10 +22,9 @@ public:
     Container(const Container&) = delete;
     Container& operator=(const Container&) = delete;
 
-    // Opens the file read-only and parses it (limit all ones for the whole
-    // file); false when it cannot be opened (the old tree stays).
-    bool attach(const std::wstring& path, uint64_t limit = UINT64_MAX);
-    void parse(BinFile& file, uint64_t limit);
+    // Opens the file read-only, keeps it open for the container's life and
+    // parses it; false when it cannot be opened (errno says why).
+    bool attach(const std::wstring& path);
     void find(const char* path, const std::function<bool(BOX&)>& visit) const;
     BOX* first(const char* path) const;
     // Typed: only the matches that really are of class T.
@@ -35,6 +34,7 @@ public:
             root->find<T>(path, visit);
     }
     template <class T> T* first(const char* path) const { return root ? root->first<T>(path) : nullptr; }
+    // Runs the action on the open file (false when none is open).
     bool open(const std::function<void(GLTK::FileIO&)>& action) const;
     // The length of the parsed file.
     uint64_t length() const { return root ? root->size : 0; }
@@ -44,8 +44,8 @@ public:
     // The spatial-data uuid box (the parent of a QADT box of at least 9
     // bytes), or null.
     BOX* spatialData() const;
-    // The payload of a box (after its header), when it holds at most
-    // maxBytes and lies inside the file.
+    // The payload of a box (after its header; after the user type of a uuid
+    // box), when it holds at most maxBytes and lies whole in the file.
     bool readPayload(const BOX& b, uint64_t maxBytes, std::string& out) const;
     // The whole box, header included, on the same conditions.
     bool readBox(const BOX& b, uint64_t maxBytes, ByteArray& out) const;
@@ -73,20 +73,24 @@ public:
     // The location boxes the movie lacks, wrapped in a new udta when it has
     // none; false when there is nothing to add.
     bool build_locationBOX(const EditPlan& plan, BOX*& udta, ByteArray& out, const GPSInfo& gps) const;
-    bool appendLocationAndSphericalVideoXML(EditPlan& plan, const GPSInfo& gps, const std::string& xml) const;
+    // The location boxes the movie lacks (@xyz, loci, the text position),
+    // behind the last child of its udta.
+    bool appendLocation(EditPlan& plan, const GPSInfo& gps) const;
     bool removeBadLOCI(EditPlan& plan) const;
     // A copy of another movie's moov.meta box (input `file` of the plan,
     // `length` bytes from `offset`) behind moov's last child.
     bool appendGpsMeta(EditPlan& plan, unsigned file, uint64_t offset, uint64_t length) const;
 
     std::wstring path;
+    std::unique_ptr<GLTK::FileIO> file;
     std::unique_ptr<ROOT> root;
     MOOV* moov = nullptr;
     BOX* mdat = nullptr;
     TRAK* videoTrack = nullptr;
 
 private:
-    bool appendUUIDOnce(EditPlan& plan, const UUID& box, const wchar_t* existedMessage) const;
+    bool appendUUIDOnce(EditPlan& plan, const uint8_t (&userType)[16], const std::string& payload,
+                        const wchar_t* existedMessage) const;
 };
 
 // The suffix of the temporary file written beside an output.

@@ -9,30 +9,30 @@ namespace MP4 {
 
 // ---------------------------------------------------------------- XMP, axis
 
-bool Container::appendUUIDOnce(EditPlan& plan, const UUID& box, const wchar_t* existedMessage) const
+bool Container::appendUUIDOnce(EditPlan& plan, const uint8_t (&userType)[16], const std::string& payload,
+                               const wchar_t* existedMessage) const
 {
     bool present = false;
-    find("uuid", [&](BOX& b) {
-        const UUID* u = b.as<UUID>();
-        present = u != nullptr && u->hasUserType(box.userType) && plan.keeps(b);
+    find<UUID>("uuid", [&](UUID& b) {
+        present = b.hasUserType(userType) && plan.keeps(b);
         return !present;
     });
     if (present) {
         GLTK::Console::out(existedMessage);
         return true;
     }
-    plan.append({EditPlan::bytes(box.bytes())});
+    plan.append({EditPlan::bytes(UUID::bytes(userType, payload))});
     return true;
 }
 
 bool Container::appendXMP(EditPlan& plan, const std::string& xmp) const
 {
-    return appendUUIDOnce(plan, XMP(xmp), L"MP4: XMP is existed.\n");
+    return appendUUIDOnce(plan, XMP::_UUID, xmp, L"MP4: XMP is existed.\n");
 }
 
 bool Container::appendAxis(EditPlan& plan, const std::string& axis) const
 {
-    return appendUUIDOnce(plan, AXIS(axis), L"MP4: AXIS is existed.\n");
+    return appendUUIDOnce(plan, AXIS::_UUID, axis, L"MP4: AXIS is existed.\n");
 }
 
 // ---------------------------------------------------------------- Spherical Video V1
@@ -46,7 +46,7 @@ void Container::build_sphericalVideoXmlBOX(const EditPlan& plan, BOX*& existing,
             existing = &b; // the last one wins
         return true;
     });
-    out = SphericalXML(xml).bytes();
+    out = UUID::bytes(SphericalXML::_UUID, xml);
 }
 
 bool Container::appendSphericalVideoXML(EditPlan& plan, const std::string& xml) const
@@ -76,11 +76,11 @@ bool Container::appendSphericalVideoV2(EditPlan& plan, const std::string& source
             break;
     if (entry == nullptr)
         return true; // no picture format that takes them
-    bool whole = entry->complete && entry->isWhole(length());
+    bool whole = entry->whole();
     const BOX* config = nullptr;
     std::vector<const BOX*> old;
     for (const BOX* b : entry->children) {
-        whole = whole && b->isWhole(length());
+        whole = whole && b->whole();
         if (config == nullptr && (b->is("avcC") || b->is("hvcC")))
             config = b;
         if (b->is("st3d") || b->is("sv3d"))
@@ -91,9 +91,7 @@ bool Container::appendSphericalVideoV2(EditPlan& plan, const std::string& source
         return true;
     }
     for (const BOX* b : old) {
-        const auto* st3d = dynamic_cast<const ST3D*>(b);
-        const auto* sv3d = dynamic_cast<const SV3D*>(b);
-        if ((st3d != nullptr && !st3d->complete) || (sv3d != nullptr && !sv3d->complete())) {
+        if (b->as<ST3D>() == nullptr && b->as<SV3D>() == nullptr) {
             GLTK::Console::out(L"MP4: the movie's Spherical Video V2 box is truncated; left as it is.\n");
             return true;
         }

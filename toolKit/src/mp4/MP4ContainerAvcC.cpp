@@ -39,7 +39,7 @@ bool Container::appendFullRangeAndConstrainedSet1Flag(EditPlan& plan, bool fullR
     // offset behind it moves. The udta's boxes are given up on purpose; the
     // rebuild writes the udta it needs afterwards.
     const BOX* udta = first("moov.udta");
-    if (udta != nullptr && udta->isWhole(length()) && plan.keeps(*udta) && avcc->end() <= udta->start &&
+    if (udta != nullptr && udta->whole() && plan.keeps(*udta) && avcc->end() <= udta->start &&
         (delta < 0 || udta->size >= static_cast<uint64_t>(delta))) {
         const uint64_t freeSize = udta->size - static_cast<uint64_t>(delta);
         // A free box needs its 8-byte header; a smaller gap cannot be filled.

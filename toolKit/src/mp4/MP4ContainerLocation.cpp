@@ -35,12 +35,9 @@ bool Container::build_locationBOX(const EditPlan& plan, BOX*& udta, ByteArray& o
     return true;
 }
 
-bool Container::appendLocationAndSphericalVideoXML(EditPlan& plan, const GPSInfo& gps, const std::string& xml) const
+bool Container::appendLocation(EditPlan& plan, const GPSInfo& gps) const
 {
     if (moov == nullptr || mdat == nullptr || videoTrack == nullptr)
-        return false;
-    // A movie that is not spherical gets no Spherical Video box at all.
-    if (!xml.empty() && !appendSphericalVideoXML(plan, xml))
         return false;
     BOX* udta = nullptr;
     ByteArray locations;
@@ -49,7 +46,7 @@ bool Container::appendLocationAndSphericalVideoXML(EditPlan& plan, const GPSInfo
     const NestedBox* into = udta != nullptr ? udta->as<NestedBox>() : moov;
     if (into == nullptr)
         return false;
-    return plan.insert(L"appendLocationAndSphericalVideoXML", *into, into->endOfChildren(),
+    return plan.insert(L"appendLocation", *into, into->endOfChildren(),
                        {EditPlan::bytes(std::move(locations))});
 }
 
@@ -61,8 +58,7 @@ bool Container::removeBadLOCI(EditPlan& plan) const
     find("moov.udta.loci", [&](BOX& b) {
         // A box that claims to run past its parent is malformed as well, as
         // is one that could not be read as a location at all.
-        const LOCI* loci = b.as<LOCI>();
-        if (!b.isWhole(length()) || loci == nullptr || !loci->isGood())
+        if (!b.whole() || b.as<LOCI>() == nullptr)
             ok = plan.remove(L"removeBadLOCI", b) && ok;
         return true;
     });

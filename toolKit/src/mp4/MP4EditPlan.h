@@ -1,23 +1,32 @@
 #pragma once
 // The output movie as an edit plan: an ordered list of pieces, each a byte
 // range of an input file or new bytes held in memory. Every metadata edit
-// changes the plan, not a file. When the plan is final, one remap works out
-// where every input byte lands and rewrites each absolute offset that points
-// into the output (the chunk offsets of every track and of the spatial-audio
-// track, the QDT9 pointer to the spatial data) and the size field of every
-// box on the path to a change; then the output is written once.
+// changes the plan, not a file. When the plan is final it is written in
+// named steps: the pieces are laid out, the overlays (new box sizes, patched
+// bytes, every absolute offset converted to where its byte lands) are laid
+// over the input ranges, the plan chooses between editing its movie in place
+// and writing a copy, the pieces are written once, and the result is read
+// back whole before it is kept.
 //
 // Input 0 is the movie being edited. Another input (the camera's own movie,
 // when the edited one is a fresh encode) can lend byte ranges too; offsets
-// held in its boxes name its own bytes and are remapped the same way.
+// held in its boxes name its own bytes and are converted the same way. The
+// MP4 layer registers the chunk offsets of every track; offsets of the
+// camera's own boxes (the spatial-data pointer) are registered by the camera
+// layer through registerOffsets.
 #include "ByteArray.h"
 #include "MP4Box.h"
 
+#include <functional>
 #include <map>
-#include <set>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
+
+namespace GLTK {
+class PendingFile;
+}
 
 namespace MP4 {
 
@@ -57,16 +66,26 @@ public:
     static Piece range(unsigned file, uint64_t start, uint64_t length);
     static Piece bytes(ByteArray data, std::vector<Offsets> offsets = {});
 
-    // The identity over the movie: its top-level boxes in file order.
+    // Where an input byte lands in the output.
+    using Where = std::function<uint64_t(unsigned file, uint64_t offset)>;
+    // Converts the values of o, held at `values`, to the places `where` gives
+    // their bytes (a pointer: its target's place plus the addend). False,
+    // after one line naming the box, when a value would not fit its width.
+    static bool convertOffsets(const Offsets& o, uint8_t* values, const Where& where);
+
+    // The identity over the movie (parsed already): its top-level boxes in
+    // file order.
     explicit EditPlan(const Container& movie);
     EditPlan(const EditPlan&) = delete;
     EditPlan& operator=(const EditPlan&) = delete;
-    // Another input whose bytes the output may take; returns its number.
+    // Another input whose bytes the output may take (parsed already, and
+    // kept open until the plan is written); returns its number.
     unsigned addInput(const Container& other);
 
     // Edits of the movie's boxes (input 0), named for the failure line. An
-    // edit is refused (false, after that line) when its box does not lie
-    // whole inside its parents and the file, or runs into an earlier edit.
+    // edit is refused (false, after that line with the box and the reason)
+    // when its box does not lie whole inside its parents and the file, or
+    // runs into an earlier edit.
     bool replace(const wchar_t* name, const BOX& box, Pieces with);
     bool remove(const wchar_t* name, const BOX& box);
     // New pieces at input offset `at` inside the box `into` (between two of
@@ -78,9 +97,9 @@ public:
     void append(Pieces what);
     // Bytes of an input rewritten, wherever they land (same length).
     void patch(unsigned file, uint64_t at, ByteArray bytes);
-    // Puts these offsets in place of what is registered at the same input
-    // place (such as a pointer that must name new bytes).
-    void setOffsets(unsigned file, const Offsets& o);
+    // Offsets held at an input place, converted wherever they land; they take
+    // the place of whatever was registered there.
+    void registerOffsets(unsigned file, const Offsets& o);
     // Forgets the offsets registered at that input place: its bytes are
     // carried as they stand (or as patched).
     void dropOffsets(unsigned file, uint64_t at);
@@ -89,14 +108,14 @@ public:
     // it is replaced, removed or dropped.
     bool keeps(const BOX& box) const;
 
-    // Remaps and writes the output once: into a temporary file beside
-    // outputPath that is renamed over it once it has been read back whole,
-    // or, when outputPath is input 0 and none of its bytes moves, by
-    // rewriting only what changed in place (and reading it back). A refused
-    // remap writes nothing; a failed or cancelled write, or an output that
-    // is not whole, leaves no temporary file and outputPath as it was (a
-    // movie edited in place is then damaged: only the run's own fresh
-    // encode is). Prints one line on failure.
+    // Writes the output once: into a temporary file beside outputPath that is
+    // renamed over it once it has been read back whole, or, when outputPath
+    // is input 0 and few of its bytes move, by rewriting only what changed in
+    // place (and reading it back). A refused plan writes nothing; a failed or
+    // cancelled write, or an output that is not whole, leaves no temporary
+    // file and outputPath as it was (a movie edited in place is then
+    // damaged: only the run's own fresh encode is). Prints one line on
+    // failure.
     bool write(const std::wstring& outputPath);
 
     // Where a byte of an input lands in the output (valid after write).
@@ -107,7 +126,7 @@ public:
 
 private:
     struct Input {
-        std::wstring path;
+        const Container* movie;
         uint64_t length;
         std::vector<Offsets> offsets; // registered in its boxes
     };
@@ -124,15 +143,24 @@ private:
         Piece piece;
         uint64_t out = 0;
     };
+    // New bytes over an input's ranges, by input and offset.
+    using Overlays = std::map<unsigned, std::map<uint64_t, ByteArray>>;
 
-    void registerOffsets(unsigned file, const Container& c);
-    bool refuse(const wchar_t* name, const BOX* box) const;
+    const std::wstring& pathOf(unsigned file) const;
+    void registerChunkOffsets(unsigned file, const Container& c);
+    bool refuse(const wchar_t* name, const BOX& box, const wchar_t* reason) const;
     bool fitsAsEdit(const wchar_t* name, const BOX& box) const;
     void grow(const BOX& box, int64_t delta);
     bool addSplice(const wchar_t* name, Splice s);
-    void layout();
-    bool remap(std::map<unsigned, std::map<uint64_t, ByteArray>>& overlays);
-    bool writeOut(const std::wstring& outputPath, const std::map<unsigned, std::map<uint64_t, ByteArray>>& overlays);
+
+    // The steps of write.
+    void layOut();
+    bool layOverlays(Overlays& overlays);
+    bool resizeBoxes(Overlays& overlays);
+    bool convertAllOffsets(Overlays& overlays);
+    bool chooseInPlace(const std::wstring& outputPath, const Overlays& overlays);
+    bool writePieces(GLTK::FileIO& dst, const Overlays& overlays);
+    bool copyRange(GLTK::FileIO& dst, const Placed& p, const std::map<uint64_t, ByteArray>& layer, int& error);
     // The written movie read back; false, after a line naming the first
     // problem, when it is not whole.
     static bool isWhole(const std::wstring& path);

@@ -23,7 +23,7 @@ constexpr uint64_t kCreationTimeAt = 12;
 class MVHD : public BOX {
 public:
     explicit MVHD(const BOX& h) { copyHeader(h); }
-    void parseBox(BinFile& file, uint64_t end) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
     uint8_t version = 0;
     uint64_t creationTime = 0, modificationTime = 0, duration = 0;
@@ -34,7 +34,7 @@ public:
 class TKHD : public BOX {
 public:
     explicit TKHD(const BOX& h) { copyHeader(h); }
-    void parseBox(BinFile& file, uint64_t end) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
     uint8_t version = 0;
     uint64_t creationTime = 0, duration = 0;
@@ -45,7 +45,7 @@ public:
 class MDHD : public BOX {
 public:
     explicit MDHD(const BOX& h) { copyHeader(h); }
-    void parseBox(BinFile& file, uint64_t end) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
     // The box of these fields, in its own version.
     ByteArray bytes() const;
@@ -59,7 +59,7 @@ public:
 class HDLR : public BOX {
 public:
     explicit HDLR(const BOX& h) { copyHeader(h); }
-    void parseBox(BinFile& file, uint64_t end) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
     uint32_t handlerType = 0;
 };

@@ -1,7 +1,10 @@
-// The location boxes of moov.udta: their parse and their serialisers.
+// The location boxes of moov.udta: their parse, serialisers, dump line and
+// the factory's entries.
 #include "MP4Box.h"
 
-#include <algorithm>
+#include "GLTKConsole.h"
+#include "GLTKwchar.h"
+
 #include <cstring>
 
 namespace MP4 {
@@ -11,28 +14,24 @@ namespace {
 constexpr uint64_t kMaxLociBody = 1 << 16;
 } // namespace
 
-void LOCI::parseBox(BinFile& file, uint64_t end)
+const BoxKinds& locationBoxKinds()
 {
-    file.limit = std::min(start + size, end);
-    uint64_t n = payloadSize();
-    if (n > kMaxLociBody || !file.fits(n)) {
-        body.clear();
-        return;
-    }
-    body.resize(n);
-    if (n > 0 && !file.readBytes(body.data, n))
-        body.clear();
+    static const BoxKinds kinds = {{"udta", "loci", newBox<LOCI>}, {"udta", "\xA9xyz", newBox<XYZ>}};
+    return kinds;
 }
 
 // The fields after the header: version and flags, language, zero-terminated
 // name, role, longitude, latitude and altitude (16.16 fixed point),
 // zero-terminated body and notes.
-bool LOCI::isGood() const
+bool LOCI::parseBox(BinFile& file)
 {
+    const uint64_t n = payloadSize();
+    if (n > kMaxLociBody)
+        return fail("too long to be a location");
+    ByteArray body;
+    body.resize(n);
+    RCHECK(file.readBytes(body.data, n));
     const uint8_t* p = body.data;
-    const uint64_t n = body.length;
-    if (n != payloadSize())
-        return false; // cut short, or too long to be a location
     uint64_t at = 4 + 2;
     auto text = [&]() {
         const void* zero = at < n ? std::memchr(p + at, 0, n - at) : nullptr;
@@ -41,17 +40,16 @@ bool LOCI::isGood() const
         at = static_cast<const uint8_t*>(zero) - p + 1;
         return true;
     };
-    if (at > n || !text())
-        return false;
+    RCHECK(at <= n && text());
     at += 1; // role
-    if (at > n || n - at < 12)
-        return false;
-    const int64_t longitude = static_cast<int32_t>(be32(p + at));
-    const int64_t latitude = static_cast<int32_t>(be32(p + at + 4));
+    RCHECK(at <= n && n - at >= 12);
+    longitude = static_cast<int32_t>(be32(p + at));
+    latitude = static_cast<int32_t>(be32(p + at + 4));
     at += 12;
-    if (!text() || !text())
-        return false;
-    return longitude >= -180 * 65536 && longitude <= 180 * 65536 && latitude >= -90 * 65536 && latitude <= 90 * 65536;
+    RCHECK(text() && text());
+    if (longitude < -180 * 65536 || longitude > 180 * 65536 || latitude < -90 * 65536 || latitude > 90 * 65536)
+        return fail("its position is off the globe");
+    return true;
 }
 
 ByteArray LOCI::bytes(uint32_t longitude, uint32_t latitude, uint32_t altitude)
@@ -67,14 +65,18 @@ ByteArray LOCI::bytes(uint32_t longitude, uint32_t latitude, uint32_t altitude)
     return out;
 }
 
-void XYZ::parseBox(BinFile& file, uint64_t end)
+bool XYZ::parseBox(BinFile& file)
 {
-    file.limit = std::min(start + size, end);
-    uint16_t n = file.read16();
-    file.read16(); // language
-    std::string s(n, '\0');
-    if (n > 0 && file.readBytes(s.data(), n))
-        text = s;
+    uint16_t n = 0, language = 0;
+    RCHECK(file.read16(n) && file.read16(language));
+    text.assign(n, '\0');
+    return file.readBytes(text.data(), n);
+}
+
+void XYZ::dump() const
+{
+    GLTK::Console::out(L"MP4: %ls<%ls text=%ls >\n", indent().c_str(), basicTag().c_str(),
+                       GLTK::wchar::mbs2wcs(text).c_str());
 }
 
 ByteArray XYZ::bytes(const std::string& text)

@@ -9,23 +9,22 @@
 
 namespace MP4 {
 
+// Read only when every field is there and the coordinates are on the globe.
 class LOCI : public BOX {
 public:
     explicit LOCI(const BOX& h) { copyHeader(h); }
-    void parseBox(BinFile& file, uint64_t end) override;
-    // Every field is there and the coordinates are on the globe.
-    bool isGood() const;
+    bool parseBox(BinFile& file) override;
     // A loci box with an empty name, body and notes; the coordinates are
     // 16.16 fixed-point values.
     static ByteArray bytes(uint32_t longitude, uint32_t latitude, uint32_t altitude);
-    ByteArray body; // the box after its header (bounded)
+    int32_t longitude = 0, latitude = 0; // 16.16 fixed point
 };
 
 // The box coded A9 78 79 7A: a 16-bit text length, a language code, the text.
 class XYZ : public BOX {
 public:
     explicit XYZ(const BOX& h) { copyHeader(h); }
-    void parseBox(BinFile& file, uint64_t end) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
     // The box for a text, in English (packed ISO 639-2 "eng").
     static ByteArray bytes(const std::string& text);

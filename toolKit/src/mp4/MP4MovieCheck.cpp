@@ -129,7 +129,7 @@ private:
             return false;
         const uint64_t bytes = count * stride;
         const uint64_t entries = at + fixed + 4;
-        if (bytes > kMaxTable || entries + bytes > box.clippedEnd(fileLength)) {
+        if (bytes > kMaxTable || entries + bytes > box.reach) {
             problem(pathOf(box) + " is shorter than its " + number(count) + " entries");
             return false;
         }

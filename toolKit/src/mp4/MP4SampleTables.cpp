@@ -1,51 +1,129 @@
-// The sample descriptions and the sample tables: their parse, and the
-// serialisers of the tables the spatial-audio rebuild writes.
+// The sample descriptions and the sample tables: their parse, the
+// serialisers of the tables the spatial-audio rebuild writes, their dump
+// lines and the factory's entries.
 #include "MP4Box.h"
 
-#include <algorithm>
+#include "AVCCRecord.h"
+#include "GLTKConsole.h"
+#include "GLTKwchar.h"
+
 #include <vector>
 
 namespace MP4 {
 
-void STSD::parseBox(BinFile& file, uint64_t end)
+namespace {
+
+using GLTK::Console;
+using ull = unsigned long long;
+
+// An avcC record is a few dozen bytes; anything near this is not one.
+constexpr uint64_t kMaxAvcC = 1 << 20;
+
+// A table of `count` entries of `width` bytes each lies inside the box.
+bool tableFits(const BinFile& file, uint64_t count, uint64_t width)
 {
-    file.limit = std::min(start + size, end);
-    versionFlags = file.read32();
-    entryCount = file.read32();
-    parseChildren(file, end);
+    return count <= UINT64_MAX / width && file.fits(count * width);
 }
 
-void VisualSampleEntry::parseBox(BinFile& file, uint64_t end)
+} // namespace
+
+const BoxKinds& sampleTableBoxKinds()
+{
+    static const BoxKinds kinds = {
+        {"stbl", "stco", newBox<STCO>}, {"stbl", "co64", newBox<CO64>},
+        {"stbl", "stsc", newBox<STSC>}, {"stbl", "stsd", newBox<STSD>},
+        {"stbl", "stsz", newBox<STSZ>}, {"stbl", "stts", newBox<STTS>},
+        {"stsd", "avc1", newBox<AVC1>}, {"stsd", "hvc1", newBox<VisualSampleEntry>},
+        {"stsd", "hev1", newBox<VisualSampleEntry>}, {"stsd", "sowt", newBox<SOWT>},
+        {"avc1", "avcC", newBox<AVCC>},
+    };
+    return kinds;
+}
+
+// ---------------------------------------------------------------- descriptions
+
+bool STSD::parseBox(BinFile& file)
+{
+    RCHECK(file.read32(versionFlags) && file.read32(entryCount));
+    parseChildren(file);
+    return true;
+}
+
+void STSD::dump() const
+{
+    std::wstring codes;
+    for (const BOX* c : children) {
+        if (!codes.empty())
+            codes += L',';
+        codes += GLTK::wchar::mbs2wcs(c->typeText());
+    }
+    Console::out(L"MP4: %ls<%ls entries=%u codes=%ls children=%lu >\n", indent().c_str(), basicTag().c_str(),
+                 entryCount, codes.empty() ? L"-" : codes.c_str(), static_cast<unsigned long>(children.size()));
+    for (const BOX* c : children)
+        c->dump();
+}
+
+bool VisualSampleEntry::parseBox(BinFile& file)
 {
     // 6 reserved bytes, data reference index, 16 bytes of pre-defined and
     // reserved fields, width and height, then 50 more bytes before the
     // child boxes.
-    file.limit = std::min(start + size, end);
-    uint64_t body = file.position;
+    const uint64_t body = file.position;
     if (!file.fits(kFixedFields))
-        return;
-    complete = true;
-    file.seek_set(static_cast<int64_t>(body + 24));
-    width = file.read16();
-    height = file.read16();
-    file.seek_set(static_cast<int64_t>(body + kFixedFields));
-    parseChildren(file, end);
+        return fail("shorter than a visual sample entry's fixed fields");
+    RCHECK(file.skip(24) && file.read16(width) && file.read16(height) && file.moveTo(body + kFixedFields));
+    parseChildren(file);
+    return true;
 }
 
-void STCO::parseBox(BinFile& file, uint64_t end)
+void VisualSampleEntry::dump() const
 {
-    file.limit = std::min(start + size, end);
-    versionFlags = file.read32();
-    entryCount = file.read32();
+    Console::out(L"MP4: %ls<%ls width=%u height=%u children=%lu >\n", indent().c_str(), basicTag().c_str(), width,
+                 height, static_cast<unsigned long>(children.size()));
+    for (const BOX* c : children)
+        c->dump();
+}
+
+bool AVCC::parseBox(BinFile& file)
+{
+    const uint64_t n = payloadSize();
+    if (n > kMaxAvcC)
+        return fail("too large for a decoder configuration");
+    record.resize(n);
+    return file.readBytes(record.data, n);
+}
+
+void AVCC::dump() const
+{
+    avcc_dump(record, indent().c_str(), basicTag().c_str());
+}
+
+bool AVCC::get_profile_idc_and_constrained_set1_flag(unsigned char& profile_idc, bool& constrainedSet1,
+                                                     bool& fullRange) const
+{
+    return avcc_get_profile_idc_and_constrained_set1_flag(record, profile_idc, constrainedSet1, fullRange);
+}
+
+bool AVCC::assign_fullRange_and_constrained_set1_flag(ByteArray& out, bool fullRange, bool& oldFullRange,
+                                                      bool& oldConstrainedSet1) const
+{
+    return avcc_assign_fullRange_and_constrained_set1_flag(record, out, fullRange, oldFullRange, oldConstrainedSet1);
+}
+
+// ---------------------------------------------------------------- tables
+
+bool STCO::parseBox(BinFile& file)
+{
+    RCHECK(file.read32(versionFlags) && file.read32(entryCount));
     firstEntry = file.position;
+    if (!tableFits(file, entryCount, entrySize()))
+        return fail("its chunk offsets run past its end");
+    return true;
 }
 
-uint64_t STCO::entriesInBox(uint64_t fileLength) const
+void STCO::dump() const
 {
-    uint64_t boxEnd = clippedEnd(fileLength);
-    if (firstEntry == 0 || firstEntry > boxEnd)
-        return 0;
-    return std::min<uint64_t>(entryCount, (boxEnd - firstEntry) / entrySize());
+    Console::out(L"MP4: %ls<%ls entries=%u >\n", indent().c_str(), basicTag().c_str(), entryCount);
 }
 
 ByteArray CO64::bytes(uint32_t versionFlags, const std::vector<uint64_t>& offsets)
@@ -57,11 +135,17 @@ ByteArray CO64::bytes(uint32_t versionFlags, const std::vector<uint64_t>& offset
     return makeFullBox("co64", uint8_t(versionFlags >> 24), versionFlags, body);
 }
 
-void STSC::parseBox(BinFile& file, uint64_t end)
+bool STSC::parseBox(BinFile& file)
 {
-    file.limit = std::min(start + size, end);
-    versionFlags = file.read32();
-    entryCount = file.read32();
+    RCHECK(file.read32(versionFlags) && file.read32(entryCount));
+    if (!tableFits(file, entryCount, 12))
+        return fail("its entries run past its end");
+    return true;
+}
+
+void STSC::dump() const
+{
+    Console::out(L"MP4: %ls<%ls entries=%u >\n", indent().c_str(), basicTag().c_str(), entryCount);
 }
 
 ByteArray STSC::bytes(uint32_t versionFlags, const std::vector<Entry>& entries)
@@ -76,32 +160,31 @@ ByteArray STSC::bytes(uint32_t versionFlags, const std::vector<Entry>& entries)
     return makeFullBox("stsc", uint8_t(versionFlags >> 24), versionFlags, body);
 }
 
-void STSZ::parseBox(BinFile& file, uint64_t end)
+bool STSZ::parseBox(BinFile& file)
 {
-    file.limit = std::min(start + size, end);
-    versionFlags = file.read32();
-    sampleSize = file.read32();
-    sampleCount = file.read32();
+    RCHECK(file.read32(versionFlags) && file.read32(sampleSize) && file.read32(sampleCount));
     if (sampleSize != 0) {
         totalBytes = uint64_t(sampleSize) * sampleCount;
-        return;
+        return true;
     }
-    // Sum the per-sample table in blocks, never past the box.
-    uint64_t left = sampleCount;
+    if (!tableFits(file, sampleCount, 4))
+        return fail("its sample sizes run past its end");
+    // Summed in blocks.
     std::vector<uint8_t> buf(64 * 1024);
-    while (left > 0) {
-        uint64_t n = std::min<uint64_t>(left, buf.size() / 4);
-        if (!file.readBytes(buf.data(), n * 4)) {
-            // The box is shorter than its count says: sum what fits.
-            uint64_t room = file.limit > file.position ? (file.limit - file.position) / 4 : 0;
-            n = std::min(n, room);
-            if (n == 0 || !file.readBytes(buf.data(), n * 4))
-                break;
-        }
+    for (uint64_t left = sampleCount; left > 0;) {
+        const uint64_t n = std::min<uint64_t>(left, buf.size() / 4);
+        RCHECK(file.readBytes(buf.data(), n * 4));
         for (uint64_t i = 0; i < n; ++i)
             totalBytes += be32(buf.data() + 4 * i);
         left -= n;
     }
+    return true;
+}
+
+void STSZ::dump() const
+{
+    Console::out(L"MP4: %ls<%ls sampleSize=%u samples=%u totalBytes=%llu >\n", indent().c_str(),
+                 basicTag().c_str(), sampleSize, sampleCount, ull(totalBytes));
 }
 
 ByteArray STSZ::bytes(uint32_t versionFlags, uint32_t sampleSize, uint32_t sampleCount)
@@ -112,11 +195,17 @@ ByteArray STSZ::bytes(uint32_t versionFlags, uint32_t sampleSize, uint32_t sampl
     return makeFullBox("stsz", uint8_t(versionFlags >> 24), versionFlags, body);
 }
 
-void STTS::parseBox(BinFile& file, uint64_t end)
+bool STTS::parseBox(BinFile& file)
 {
-    file.limit = std::min(start + size, end);
-    versionFlags = file.read32();
-    entryCount = file.read32();
+    RCHECK(file.read32(versionFlags) && file.read32(entryCount));
+    if (!tableFits(file, entryCount, 8))
+        return fail("its entries run past its end");
+    return true;
+}
+
+void STTS::dump() const
+{
+    Console::out(L"MP4: %ls<%ls entries=%u >\n", indent().c_str(), basicTag().c_str(), entryCount);
 }
 
 ByteArray STTS::bytes(uint32_t versionFlags, uint32_t count, uint32_t delta)

@@ -1,7 +1,8 @@
 #pragma once
-// The sample-table boxes: the sample descriptions (stsd and the visual sample
-// entries), and the tables of chunk offsets, samples per chunk, sample sizes
-// and sample times. Tables that the rebuild writes have a serialiser.
+// The sample-table boxes: the sample descriptions (stsd, the visual sample
+// entries and the H.264 decoder configuration), and the tables of chunk
+// offsets, samples per chunk, sample sizes and sample times. Tables that
+// the rebuild writes have a serialiser.
 #include "MP4BoxTree.h"
 
 #include <cstdint>
@@ -11,8 +12,7 @@ namespace MP4 {
 class STSD : public NestedBoxWithVersion {
 public:
     using NestedBoxWithVersion::NestedBoxWithVersion;
-    void parseBox(BinFile& file, uint64_t end) override;
-    BOX* allocChild(BOX& header) override;
+    bool parseBox(BinFile& file) override;
     // Also names the sample-entry codes ("codes=avc1,sowt").
     void dump() const override;
     uint32_t entryCount = 0;
@@ -23,11 +23,8 @@ public:
 class VisualSampleEntry : public NestedBox {
 public:
     using NestedBox::NestedBox;
-    void parseBox(BinFile& file, uint64_t end) override;
-    BOX* allocChild(BOX& header) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
-    // The fixed fields lie inside the box, so its children start at 78.
-    bool complete = false;
     uint16_t width = 0, height = 0;
     static constexpr uint64_t kFixedFields = 78;
 };
@@ -35,14 +32,13 @@ public:
 class AVC1 : public VisualSampleEntry {
 public:
     using VisualSampleEntry::VisualSampleEntry;
-    BOX* allocChild(BOX& header) override;
 };
 
 // The H.264 decoder configuration record.
 class AVCC : public BOX {
 public:
     explicit AVCC(const BOX& h) { copyHeader(h); }
-    void parseBox(BinFile& file, uint64_t end) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
     bool get_profile_idc_and_constrained_set1_flag(unsigned char& profile_idc, bool& constrainedSet1,
                                                    bool& fullRange) const;
@@ -56,16 +52,14 @@ public:
     explicit SOWT(const BOX& h) { copyHeader(h); }
 };
 
-// stco and co64: the entry count and where the first entry lies.
+// stco and co64: the entry count and where the first entry lies; every
+// entry lies inside the box.
 class STCO : public BOX {
 public:
     explicit STCO(const BOX& h) { copyHeader(h); }
-    void parseBox(BinFile& file, uint64_t end) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
     unsigned entrySize() const { return is("co64") ? 8 : 4; }
-    // Entries that really fit inside the box, cut at its ancestors and the
-    // file as well.
-    uint64_t entriesInBox(uint64_t fileLength) const;
     uint32_t versionFlags = 0, entryCount = 0;
     uint64_t firstEntry = 0;
 };
@@ -79,7 +73,7 @@ public:
 class STSC : public BOX {
 public:
     explicit STSC(const BOX& h) { copyHeader(h); }
-    void parseBox(BinFile& file, uint64_t end) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
     struct Entry {
         uint32_t firstChunk, samplesPerChunk, sampleDescriptionIndex;
@@ -91,18 +85,18 @@ public:
 class STSZ : public BOX {
 public:
     explicit STSZ(const BOX& h) { copyHeader(h); }
-    void parseBox(BinFile& file, uint64_t end) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
     // A table of samples that all have the same size (no per-sample table).
     static ByteArray bytes(uint32_t versionFlags, uint32_t sampleSize, uint32_t sampleCount);
     uint32_t versionFlags = 0, sampleSize = 0, sampleCount = 0;
-    uint64_t totalBytes = 0; // sum of the sample sizes found in the box
+    uint64_t totalBytes = 0; // the sum of the sample sizes
 };
 
 class STTS : public BOX {
 public:
     explicit STTS(const BOX& h) { copyHeader(h); }
-    void parseBox(BinFile& file, uint64_t end) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
     // A table of one entry: count samples of delta time-scale units each.
     static ByteArray bytes(uint32_t versionFlags, uint32_t count, uint32_t delta);

@@ -1,4 +1,5 @@
-// The Spherical Video V2 boxes: parse, serialisers and dump lines.
+// The Spherical Video V2 boxes: parse, serialisers, dump lines and the
+// factory's entries.
 #include "MP4Box.h"
 
 #include "GLTKConsole.h"
@@ -16,23 +17,31 @@ int32_t fixed16(double degrees)
     return static_cast<int32_t>(std::lround(std::clamp(degrees, -32768.0, 32767.0) * 65536.0));
 }
 
-// A full box of version 0 holds at least its version and flags and `body`
-// more bytes.
-bool fits(const BOX& b, BinFile& file, uint64_t body)
+// A 16.16 fixed-point number of degrees.
+bool readDegrees(BinFile& file, double& degrees)
 {
-    return b.size >= 12 + body && file.fits(4 + body);
+    uint32_t v = 0;
+    RCHECK(file.read32(v));
+    degrees = static_cast<int32_t>(v) / 65536.0;
+    return true;
 }
 
 } // namespace
 
-void ST3D::parseBox(BinFile& file, uint64_t end)
+const BoxKinds& sphericalBoxKinds()
 {
-    file.limit = std::min(start + size, end);
-    if (!fits(*this, file, 1))
-        return;
-    file.read32();
-    stereoMode = file.read8();
-    complete = true;
+    static const BoxKinds kinds = {
+        {"avc1", "st3d", newBox<ST3D>}, {"hvc1", "st3d", newBox<ST3D>}, {"hev1", "st3d", newBox<ST3D>},
+        {"avc1", "sv3d", newBox<SV3D>}, {"hvc1", "sv3d", newBox<SV3D>}, {"hev1", "sv3d", newBox<SV3D>},
+        {"sv3d", "svhd", newBox<SVHD>}, {"sv3d", "proj", newBox<PROJ>}, {"proj", "prhd", newBox<PRHD>},
+        {"proj", "equi", newBox<EQUI>},
+    };
+    return kinds;
+}
+
+bool ST3D::parseBox(BinFile& file)
+{
+    return file.skip(4) && file.read8(stereoMode);
 }
 
 ByteArray ST3D::bytes(uint8_t mode)
@@ -42,35 +51,28 @@ ByteArray ST3D::bytes(uint8_t mode)
     return makeFullBox("st3d", 0, 0, body);
 }
 
-BOX* SV3D::allocChild(BOX& h)
+void ST3D::dump() const
 {
-    if (h.type == fourcc("svhd"))
-        return new SVHD(h);
-    if (h.type == fourcc("proj"))
-        return new PROJ(h);
-    return new BOX(h);
+    GLTK::Console::out(L"MP4: %ls<%ls stereoMode=%u >\n", indent().c_str(), basicTag().c_str(), unsigned(stereoMode));
 }
 
-bool SV3D::complete() const
+bool SV3D::parseBox(BinFile& file)
 {
-    const auto* svhd = dynamic_cast<const SVHD*>(first("svhd"));
-    const auto* prhd = dynamic_cast<const PRHD*>(first("proj.prhd"));
-    const auto* equi = dynamic_cast<const EQUI*>(first("proj.equi"));
-    return svhd != nullptr && svhd->complete && prhd != nullptr && prhd->complete && equi != nullptr &&
-           equi->complete;
+    parseChildren(file);
+    if (first<SVHD>("svhd") == nullptr || first<PRHD>("proj.prhd") == nullptr || first<EQUI>("proj.equi") == nullptr)
+        return fail("its svhd, prhd or equi is missing or cut short");
+    return true;
 }
 
-void SVHD::parseBox(BinFile& file, uint64_t end)
+bool SVHD::parseBox(BinFile& file)
 {
-    file.limit = std::min(start + size, end);
-    if (size < 13 || !file.fits(size - 8))
-        return;
-    file.read32();
-    std::string text(static_cast<size_t>(std::min<uint64_t>(size - 12, 4096)), '\0');
-    if (!file.readBytes(text.data(), text.size()))
-        return;
+    if (payloadSize() < 5)
+        return fail("too short for a metadata source");
+    RCHECK(file.skip(4));
+    std::string text(static_cast<size_t>(std::min<uint64_t>(payloadSize() - 4, 4096)), '\0');
+    RCHECK(file.readBytes(text.data(), text.size()));
     metadataSource = text.substr(0, text.find('\0'));
-    complete = true;
+    return true;
 }
 
 ByteArray SVHD::bytes(const std::string& source)
@@ -81,25 +83,15 @@ ByteArray SVHD::bytes(const std::string& source)
     return makeFullBox("svhd", 0, 0, body);
 }
 
-BOX* PROJ::allocChild(BOX& h)
+void SVHD::dump() const
 {
-    if (h.type == fourcc("prhd"))
-        return new PRHD(h);
-    if (h.type == fourcc("equi"))
-        return new EQUI(h);
-    return new BOX(h);
+    GLTK::Console::out(L"MP4: %ls<%ls metadataSource=%ls >\n", indent().c_str(), basicTag().c_str(),
+                       GLTK::wchar::mbs2wcs(metadataSource).c_str());
 }
 
-void PRHD::parseBox(BinFile& file, uint64_t end)
+bool PRHD::parseBox(BinFile& file)
 {
-    file.limit = std::min(start + size, end);
-    if (!fits(*this, file, 12))
-        return;
-    file.read32();
-    yaw = static_cast<int32_t>(file.read32()) / 65536.0;
-    pitch = static_cast<int32_t>(file.read32()) / 65536.0;
-    roll = static_cast<int32_t>(file.read32()) / 65536.0;
-    complete = true;
+    return file.skip(4) && readDegrees(file, yaw) && readDegrees(file, pitch) && readDegrees(file, roll);
 }
 
 ByteArray PRHD::bytes(double yaw, double pitch, double roll)
@@ -111,17 +103,16 @@ ByteArray PRHD::bytes(double yaw, double pitch, double roll)
     return makeFullBox("prhd", 0, 0, body);
 }
 
-void EQUI::parseBox(BinFile& file, uint64_t end)
+void PRHD::dump() const
 {
-    file.limit = std::min(start + size, end);
-    if (!fits(*this, file, 16))
-        return;
-    file.read32();
-    top = file.read32();
-    bottom = file.read32();
-    left = file.read32();
-    right = file.read32();
-    complete = true;
+    GLTK::Console::LocaleC c;
+    GLTK::Console::out(L"MP4: %ls<%ls yaw=%g pitch=%g roll=%g >\n", indent().c_str(), basicTag().c_str(), yaw, pitch,
+                       roll);
+}
+
+bool EQUI::parseBox(BinFile& file)
+{
+    return file.skip(4) && file.read32(top) && file.read32(bottom) && file.read32(left) && file.read32(right);
 }
 
 ByteArray EQUI::bytes(uint32_t t, uint32_t b, uint32_t l, uint32_t r)
@@ -130,6 +121,12 @@ ByteArray EQUI::bytes(uint32_t t, uint32_t b, uint32_t l, uint32_t r)
     for (uint32_t v : {t, b, l, r})
         body.append32be(v);
     return makeFullBox("equi", 0, 0, body);
+}
+
+void EQUI::dump() const
+{
+    GLTK::Console::out(L"MP4: %ls<%ls top=%u bottom=%u left=%u right=%u >\n", indent().c_str(), basicTag().c_str(),
+                       top, bottom, left, right);
 }
 
 ByteArray SphericalV2::boxes(const std::string& source, double yaw, double pitch, double roll)
@@ -141,30 +138,6 @@ ByteArray SphericalV2::boxes(const std::string& source, double yaw, double pitch
     ByteArray out = ST3D::bytes(ST3D::kMonoscopic);
     out.append(makeBox("sv3d", sv3d));
     return out;
-}
-
-void ST3D::dump() const
-{
-    GLTK::Console::out(L"MP4: %ls<%ls stereoMode=%u >\n", indent().c_str(), basicTag().c_str(), unsigned(stereoMode));
-}
-
-void SVHD::dump() const
-{
-    GLTK::Console::out(L"MP4: %ls<%ls metadataSource=%ls >\n", indent().c_str(), basicTag().c_str(),
-                       GLTK::wchar::mbs2wcs(metadataSource).c_str());
-}
-
-void PRHD::dump() const
-{
-    GLTK::Console::LocaleC c;
-    GLTK::Console::out(L"MP4: %ls<%ls yaw=%g pitch=%g roll=%g >\n", indent().c_str(), basicTag().c_str(), yaw, pitch,
-                       roll);
-}
-
-void EQUI::dump() const
-{
-    GLTK::Console::out(L"MP4: %ls<%ls top=%u bottom=%u left=%u right=%u >\n", indent().c_str(), basicTag().c_str(),
-                       top, bottom, left, right);
 }
 
 } // namespace MP4

@@ -2,8 +2,7 @@
 // The Spherical Video V2 boxes of the video sample entry: st3d (stereo
 // mode) and sv3d, which holds svhd (the tool that wrote the boxes) and proj
 // with prhd (the initial pose) and one projection box, equi (the share of
-// the sphere cropped at each edge). All are read bounded and written by
-// their serialisers.
+// the sphere cropped at each edge).
 #include "MP4BoxTree.h"
 
 #include <cstdint>
@@ -14,46 +13,41 @@ namespace MP4 {
 class ST3D : public BOX {
 public:
     explicit ST3D(const BOX& h) { copyHeader(h); }
-    void parseBox(BinFile& file, uint64_t end) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
     static ByteArray bytes(uint8_t stereoMode);
     static constexpr uint8_t kMonoscopic = 0;
-    bool complete = false;
     uint8_t stereoMode = 0;
 };
 
+// Read only with svhd and proj (with prhd and equi) all there and whole.
 class SV3D : public NestedBox {
 public:
     using NestedBox::NestedBox;
-    BOX* allocChild(BOX& header) override;
-    // svhd and proj (with prhd and equi) are all there and whole.
-    bool complete() const;
+    bool parseBox(BinFile& file) override;
 };
 
 class SVHD : public BOX {
 public:
     explicit SVHD(const BOX& h) { copyHeader(h); }
-    void parseBox(BinFile& file, uint64_t end) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
     static ByteArray bytes(const std::string& metadataSource);
-    bool complete = false;
     std::string metadataSource;
 };
 
 class PROJ : public NestedBox {
 public:
     using NestedBox::NestedBox;
-    BOX* allocChild(BOX& header) override;
 };
 
 // The pose in degrees, each a signed 16.16 fixed-point value in the box.
 class PRHD : public BOX {
 public:
     explicit PRHD(const BOX& h) { copyHeader(h); }
-    void parseBox(BinFile& file, uint64_t end) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
     static ByteArray bytes(double yaw, double pitch, double roll);
-    bool complete = false;
     double yaw = 0, pitch = 0, roll = 0;
 };
 
@@ -61,10 +55,9 @@ public:
 class EQUI : public BOX {
 public:
     explicit EQUI(const BOX& h) { copyHeader(h); }
-    void parseBox(BinFile& file, uint64_t end) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
     static ByteArray bytes(uint32_t top, uint32_t bottom, uint32_t left, uint32_t right);
-    bool complete = false;
     uint32_t top = 0, bottom = 0, left = 0, right = 0;
 };
 

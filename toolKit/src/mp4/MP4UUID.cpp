@@ -1,7 +1,9 @@
-// uuid boxes: the user types the program knows, their parse and serialiser.
+// uuid boxes: the user types the program knows, their parse, serialiser,
+// dump line and the factory's entries.
 #include "MP4Box.h"
 
-#include <algorithm>
+#include "GLTKConsole.h"
+
 #include <cstring>
 
 namespace MP4 {
@@ -15,25 +17,16 @@ const uint8_t AXIS::_UUID[16] = {0x8E, 0x4E, 0x1F, 0x97, 0x81, 0xF3, 0x4D, 0x59,
 const uint8_t SphericalXML::_UUID[16] = {0xFF, 0xCC, 0x82, 0x63, 0xF8, 0x55, 0x4A, 0x93,
                                          0x88, 0x14, 0x58, 0x7A, 0x02, 0x52, 0x1F, 0xDD};
 
-UUID::UUID(const void* bytes, uint64_t n)
+const BoxKinds& uuidBoxKinds()
 {
-    depth = 0;
-    start = 0;
-    type = fourcc("uuid");
-    size = n + kHeader;
-    payload.assign(bytes, n);
-}
-
-XMP::XMP(const std::string& text) : UUID(text.data(), text.size()) { std::memcpy(userType, _UUID, 16); }
-AXIS::AXIS(const std::string& text) : UUID(text.data(), text.size()) { std::memcpy(userType, _UUID, 16); }
-SphericalXML::SphericalXML(const std::string& text) : UUID(text.data(), text.size())
-{
-    std::memcpy(userType, _UUID, 16);
+    static const BoxKinds kinds = {
+        {"root", "uuid", newBox<UUID>}, {"trak", "uuid", newBox<UUID>}, {"uuid", "QATR", newBox<TRAK>}};
+    return kinds;
 }
 
 bool UUID::hasUserType(const uint8_t (&uuid)[16]) const
 {
-    return size >= kHeader && std::memcmp(userType, uuid, 16) == 0;
+    return std::memcmp(userType, uuid, 16) == 0;
 }
 
 bool UUID::hasChild() const
@@ -41,37 +34,36 @@ bool UUID::hasChild() const
     return hasUserType(SpatialData::_UUID);
 }
 
-void UUID::parseBox(BinFile& file, uint64_t end)
+bool UUID::parseBox(BinFile& file)
 {
-    file.limit = std::min(start + size, end);
-    if (size < kHeader || !file.readBytes(userType, 16))
-        return;
-    if (hasChild()) {
-        parseChildren(file, end);
-        return;
-    }
-    uint64_t n = size - kHeader;
-    if (n > kMaxPayload || !file.fits(n))
-        return;
-    payload.resize(n);
-    uint64_t done = 0;
-    while (done < n) {
-        uint64_t piece = std::min<uint64_t>(n - done, 1 << 16);
-        if (!file.readBytes(payload.data + done, piece)) {
-            payload.resize(done);
-            return;
-        }
-        done += piece;
-    }
+    if (!file.readBytes(userType, 16))
+        return fail("too short for its user type");
+    if (hasChild())
+        parseChildren(file);
+    return true;
 }
 
-ByteArray UUID::bytes() const
+ByteArray UUID::bytes(const uint8_t (&userType)[16], const std::string& payload)
 {
     ByteArray out;
-    appendHeader(out, "uuid", payload.length + kHeader);
+    appendHeader(out, "uuid", payload.size() + 24);
     out.append(userType, 16);
-    out.append(payload);
+    out.appendText(payload);
     return out;
+}
+
+void UUID::dump() const
+{
+    if (hasChild()) {
+        NestedBox::dump();
+        return;
+    }
+    wchar_t u[40];
+    const uint8_t* t = userType;
+    swprintf(u, 40, L"%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", t[0], t[1], t[2], t[3],
+             t[4], t[5], t[6], t[7], t[8], t[9], t[10], t[11], t[12], t[13], t[14], t[15]);
+    GLTK::Console::out(L"MP4: %ls<%ls uuid=%ls payload=%llu >\n", indent().c_str(), basicTag().c_str(), u,
+                       static_cast<unsigned long long>(userPayloadSize()));
 }
 
 } // namespace MP4

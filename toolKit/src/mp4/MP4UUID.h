@@ -1,7 +1,8 @@
 #pragma once
 // uuid boxes: a box header, a 16-byte user type and a payload. The XMP packet,
 // the axis record and the Spherical Video V1 XML are payloads of their own
-// user types; the spatial-data box holds child boxes instead (QADT, QATR).
+// user types (read from the file when needed); the spatial-data box holds
+// child boxes instead (QADT, QATR).
 #include "MP4BoxTree.h"
 
 #include <cstdint>
@@ -12,45 +13,34 @@ namespace MP4 {
 class UUID : public NestedBox {
 public:
     using NestedBox::NestedBox;
-    UUID() = default;
-    // An in-memory box holding the payload (depth 0, start 0, all-zero user
-    // type until a subclass sets it).
-    UUID(const void* payload, uint64_t n);
     bool hasChild() const override;
-    void parseBox(BinFile& file, uint64_t end) override;
-    BOX* allocChild(BOX& header) override;
+    bool parseBox(BinFile& file) override;
     void dump() const override;
     bool hasUserType(const uint8_t (&uuid)[16]) const;
+    // Where the payload begins: after the header and the user type.
+    uint64_t userPayloadStart() const { return payloadStart() + 16; }
+    uint64_t userPayloadSize() const { return payloadSize() - 16; }
 
-    // The box as it is written: size (payload + 24), "uuid", user type,
-    // payload exactly as given.
-    ByteArray bytes() const;
+    // A uuid box: size, "uuid", the user type, the payload as given.
+    static ByteArray bytes(const uint8_t (&userType)[16], const std::string& payload);
 
     uint8_t userType[16] = {};
-    ByteArray payload;
-    // Payloads above this are not loaded (the box is still copied whole).
-    static constexpr uint64_t kMaxPayload = 16 << 20;
+    // The header and the user type.
     static constexpr uint64_t kHeader = 24;
 };
 
+// The user types the program knows.
 namespace SpatialData {
 extern const uint8_t _UUID[16];
 }
-
-class XMP : public UUID {
-public:
-    static const uint8_t _UUID[16];
-    XMP(const std::string& text);
-};
-class AXIS : public UUID {
-public:
-    static const uint8_t _UUID[16];
-    AXIS(const std::string& text);
-};
-class SphericalXML : public UUID {
-public:
-    static const uint8_t _UUID[16];
-    SphericalXML(const std::string& text);
-};
+namespace XMP {
+extern const uint8_t _UUID[16];
+}
+namespace AXIS {
+extern const uint8_t _UUID[16];
+}
+namespace SphericalXML {
+extern const uint8_t _UUID[16];
+}
 
 } // namespace MP4

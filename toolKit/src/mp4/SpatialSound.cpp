@@ -34,22 +34,19 @@ void SpatialSound::clear()
     trimmed = false;
 }
 
-bool SpatialSound::attach(const std::wstring& source, double start, double end)
+bool SpatialSound::attach(const Container& c, double start, double end)
 {
     clear();
     if (start <= 0 && end < 0)
         return true; // the whole movie: the box is carried over as it stands
     if (end >= 0 && start > end)
         return false;
-    Container c;
-    if (!c.attach(source))
-        return false;
     BOX* qadt = c.spatialChild("uuid.QADT");
     if (qadt == nullptr)
         return true;
     // The payload as far as it really lies inside its box and the file.
     payloadStart = qadt->payloadStart();
-    const uint64_t payloadEnd = qadt->clippedEnd(c.length());
+    const uint64_t payloadEnd = qadt->reach;
     const uint64_t total = payloadEnd > payloadStart ? payloadEnd - payloadStart : 0;
 
     uint32_t timeScale = 0;
@@ -93,7 +90,7 @@ bool SpatialSound::attach(const std::wstring& source, double start, double end)
     return trimmed;
 }
 
-bool SpatialSound::buildTrimmedQATR(Container& c)
+bool SpatialSound::buildTrimmedQATR(const Container& c)
 {
     buffer.clear();
     co64At = 0;
@@ -101,7 +98,7 @@ bool SpatialSound::buildTrimmedQATR(Container& c)
     return qatr != nullptr && copyBox(c, *qatr, buffer) && co64At != 0;
 }
 
-bool SpatialSound::copyBox(Container& c, const BOX& box, ByteArray& out)
+bool SpatialSound::copyBox(const Container& c, const BOX& box, ByteArray& out)
 {
     const NestedBox* nested = dynamic_cast<const NestedBox*>(&box);
     if (nested == nullptr || !box.hasChild() || box.is("dinf") || box.is("stsd")) {

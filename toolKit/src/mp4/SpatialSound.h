@@ -29,12 +29,12 @@ public:
     // Works out the kept range for start and end in seconds (end < 0: to the
     // end of the data) and builds the rebuilt QATR. True with `trimmed` false
     // when the whole movie is asked for or the source has no spatial data.
-    bool attach(const std::wstring& source, double start, double end);
+    bool attach(const Container& source, double start, double end);
 
-    bool buildTrimmedQATR(Container& c);
+    bool buildTrimmedQATR(const Container& c);
     // Copies a box into out, nested boxes child by child, the table boxes
     // rebuilt.
-    bool copyBox(Container& c, const BOX& box, ByteArray& out);
+    bool copyBox(const Container& c, const BOX& box, ByteArray& out);
 
     ByteArray buffer;             // the rebuilt QATR box
     uint64_t co64At;              // where its chunk offsets start in buffer

@@ -175,7 +175,7 @@ void AccelSensorStreamEmbed::filterAxes(const std::vector<double>& x, const std:
 
 // ---------------------------------------------------------------- movie boxes
 
-bool AccelSensorStreamEmbed::loadM29(MP4::Container& container, int divisor)
+bool AccelSensorStreamEmbed::loadM29(const MP4::Container& container, int divisor)
 {
     clearState();
     unsigned short extra = 0;
@@ -228,7 +228,7 @@ bool AccelSensorStreamEmbed::loadM29(MP4::Container& container, int divisor)
 // Before the first QDTD time the first vector is used, after the last the
 // last record; in between the direction is turned from the earlier record
 // towards the later by the fraction of the time elapsed.
-void AccelSensorStreamEmbed::loadM30_QDTD_with_QDTG(MP4::Container& container,
+void AccelSensorStreamEmbed::loadM30_QDTD_with_QDTG(const MP4::Container& container,
                                                     std::vector<TopBottomCorrection>& out, unsigned short& extra)
 {
     std::vector<unsigned long long> times;

@@ -81,15 +81,15 @@ public:
     // box leaves out empty and extra 0 without a message; a malformed one
     // prints one line and leaves out empty.
     template <class T, class Swap>
-    static void loadM29_QDTx(MP4::Container& container, const char* type, std::vector<T>& out,
+    static void loadM29_QDTx(const MP4::Container& container, const char* type, std::vector<T>& out,
                              unsigned short& extra, Swap swap);
 
-    static void loadM29_QDTB(MP4::Container& c, std::vector<Gyro>& out, unsigned short& extra);
-    static void loadM29_QDTC(MP4::Container& c, std::vector<Ecompass>& out, unsigned short& extra);
-    static void loadM29_QDTD(MP4::Container& c, std::vector<TopBottomCorrection>& out, unsigned short& extra);
-    static void loadM30_QDTG(MP4::Container& c, std::vector<unsigned long long>& out, unsigned short& extra);
-    static void loadM22_QDTH(MP4::Container& c, std::vector<Quaternion>& out, unsigned short& extra);
-    static void loadM29_QDTI(MP4::Container& c, std::vector<YawCorrection>& out, unsigned short& extra);
+    static void loadM29_QDTB(const MP4::Container& c, std::vector<Gyro>& out, unsigned short& extra);
+    static void loadM29_QDTC(const MP4::Container& c, std::vector<Ecompass>& out, unsigned short& extra);
+    static void loadM29_QDTD(const MP4::Container& c, std::vector<TopBottomCorrection>& out, unsigned short& extra);
+    static void loadM30_QDTG(const MP4::Container& c, std::vector<unsigned long long>& out, unsigned short& extra);
+    static void loadM22_QDTH(const MP4::Container& c, std::vector<Quaternion>& out, unsigned short& extra);
+    static void loadM29_QDTI(const MP4::Container& c, std::vector<YawCorrection>& out, unsigned short& extra);
     // ---------------------------------------------------------------- loading
     //
     // One accelerometer sample with its compass heading, 12 bytes; also the
@@ -128,9 +128,9 @@ public:
     // Builds the samples from the movie's QDTD (gravity) and QDTC (compass)
     // boxes; QDTD is resampled at the QDTG times unless the movie has QDTI.
     // `divisor` must not be 0. True when a sample was made for every record.
-    bool loadM29(MP4::Container& container, int divisor);
+    bool loadM29(const MP4::Container& container, int divisor);
     // QDTD at the QDTG presentation times (see the .cpp for the walk).
-    void loadM30_QDTD_with_QDTG(MP4::Container& container, std::vector<TopBottomCorrection>& out,
+    void loadM30_QDTD_with_QDTG(const MP4::Container& container, std::vector<TopBottomCorrection>& out,
                                 unsigned short& extra);
 
     // The corrected acceleration of sample i (clamped to the table).
@@ -181,7 +181,7 @@ static_assert(sizeof(AccelSensorStreamEmbed::StreamHeader) == 48);
 
 
 template <class T, class Swap>
-void AccelSensorStreamEmbed::loadM29_QDTx(MP4::Container& container, const char* type, std::vector<T>& out,
+void AccelSensorStreamEmbed::loadM29_QDTx(const MP4::Container& container, const char* type, std::vector<T>& out,
                                           unsigned short& extra, Swap swap)
 {
     constexpr unsigned S = sizeof(T);
@@ -200,7 +200,7 @@ void AccelSensorStreamEmbed::loadM29_QDTx(MP4::Container& container, const char*
     container.open([&](GLTK::FileIO& file) {
         // The box is judged by the bytes it really has: a size that claims
         // more than its parent or the file holds is cut there.
-        const uint64_t size = std::min(box->size, SensorStream::boxBytesAvailable(*box, file.length()));
+        const uint64_t size = box->reach - box->start;
         uint8_t header[16];
         if (size < kRecordsAt || !file.seek_set(static_cast<int64_t>(box->start + 8)) ||
             file.read(header, 16) != 16) {

@@ -4,11 +4,6 @@
 
 namespace SensorStream {
 
-uint64_t boxBytesAvailable(const MP4::BOX& box, uint64_t fileLength)
-{
-    return box.clippedEnd(fileLength) - box.start;
-}
-
 bool trimSensorBox(uint8_t* box, uint64_t boxSize, unsigned recordSize, uint32_t first, uint32_t count)
 {
     using A = AccelSensorStreamEmbed;
@@ -84,32 +79,32 @@ void A::YawCorrection::swap_QDTI(YawCorrection& r)
 
 void A::swap_u64(unsigned long long& t) { SensorStream::swapBytes(t); }
 
-void A::loadM29_QDTB(MP4::Container& c, std::vector<Gyro>& out, unsigned short& extra)
+void A::loadM29_QDTB(const MP4::Container& c, std::vector<Gyro>& out, unsigned short& extra)
 {
     loadM29_QDTx(c, "QDTB", out, extra, Gyro::swap_xyzt);
 }
 
-void A::loadM29_QDTC(MP4::Container& c, std::vector<Ecompass>& out, unsigned short& extra)
+void A::loadM29_QDTC(const MP4::Container& c, std::vector<Ecompass>& out, unsigned short& extra)
 {
     loadM29_QDTx(c, "QDTC", out, extra, Ecompass::swap_xyzt);
 }
 
-void A::loadM29_QDTD(MP4::Container& c, std::vector<TopBottomCorrection>& out, unsigned short& extra)
+void A::loadM29_QDTD(const MP4::Container& c, std::vector<TopBottomCorrection>& out, unsigned short& extra)
 {
     loadM29_QDTx(c, "QDTD", out, extra, TopBottomCorrection::swap_xyzt);
 }
 
-void A::loadM30_QDTG(MP4::Container& c, std::vector<unsigned long long>& out, unsigned short& extra)
+void A::loadM30_QDTG(const MP4::Container& c, std::vector<unsigned long long>& out, unsigned short& extra)
 {
     loadM29_QDTx(c, "QDTG", out, extra, swap_u64);
 }
 
-void A::loadM22_QDTH(MP4::Container& c, std::vector<Quaternion>& out, unsigned short& extra)
+void A::loadM22_QDTH(const MP4::Container& c, std::vector<Quaternion>& out, unsigned short& extra)
 {
     loadM29_QDTx(c, "QDTH", out, extra, Quaternion::swap_wxyzt);
 }
 
-void A::loadM29_QDTI(MP4::Container& c, std::vector<YawCorrection>& out, unsigned short& extra)
+void A::loadM29_QDTI(const MP4::Container& c, std::vector<YawCorrection>& out, unsigned short& extra)
 {
     loadM29_QDTx(c, "QDTI", out, extra, YawCorrection::swap_QDTI);
 }

@@ -25,8 +25,6 @@ template <class T> void swapBytes(T& v)
     std::memcpy(&v, b, sizeof(T));
 }
 
-// How many bytes of the box really lie inside its ancestors and the file.
-uint64_t boxBytesAvailable(const MP4::BOX& box, uint64_t fileLength);
 
 // Cuts a sensor box, held in memory, to `count` records starting at record
 // `first` (records of recordSize bytes: 16 for QDTD, 24 for QDTC); a cut
