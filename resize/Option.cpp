@@ -2,6 +2,7 @@
 
 #include "GLTKConsole.h"
 #include "GLTKwchar.h"
+#include "OptionTable.h"
 #include "Utility.h"
 
 #include <algorithm>
@@ -34,11 +35,6 @@ void Option::reset()
     viewMode = 0;
 }
 
-static bool prefix(const std::wstring& word, const wchar_t* p, size_t n)
-{
-    return word.compare(0, n, p) == 0;
-}
-
 bool Option::parse(int argc, const std::vector<std::wstring>& argv)
 {
     reset();
@@ -48,55 +44,12 @@ bool Option::parse(int argc, const std::vector<std::wstring>& argv)
     for (int i = 1; i < n; ++i) {
         GLTK::Console::LocaleC localeC;
         const std::wstring& word = argv[i];
-        const wchar_t* value = word.c_str() + std::min<size_t>(word.size(), 4);
-        if (word == L"-h") {
-            result = false;
-        } else if (word == L"-view:-") {
-            viewMode = 2;
-        } else if (prefix(word, L"-view:", 6)) {
-            std::string narrow = GLTK::wchar::wcs2mbs(word);
-            float v[4] = {NAN, NAN, NAN, NAN};
-            int read = sscanf(narrow.c_str(), "-view:%f,%f,%f,%f", &v[0], &v[1], &v[2], &v[3]);
-            if (read >= 2) {
-                viewHeading.heading = v[0];
-                viewHeading.pitch = v[1];
-                if (read >= 3)
-                    viewHeading.fov = v[2];
-                if (read >= 4)
-                    viewHeading.dolly = v[3];
-                viewMode = 1;
-            } else {
-                GLTK::Console::out(L"invalid arguments for -view:\n");
+        if (const OptionRow* row = optionRowFor(word)) {
+            const std::wstring value = row->prefix ? word.substr(std::wcslen(row->word)) : std::wstring();
+            if (!row->apply(*this, value))
                 result = false;
-            }
-        } else if (prefix(word, L"-vw:", 4)) {
-            videoWidth = static_cast<int32_t>(std::wcstol(value, nullptr, 10));
-            reEncode = 1;
-        } else if (prefix(word, L"-ki:", 4)) {
-            keyFrameInterval = static_cast<int32_t>(std::wcstol(value, nullptr, 10));
-            reEncode = 1;
-        } else if (prefix(word, L"-vb:", 4)) {
-            videoBitRate = static_cast<uint32_t>(std::wcstoul(value, nullptr, 10));
-            reEncode = 1;
-        } else if (prefix(word, L"-ab:", 4)) {
-            audioBitRate = static_cast<uint32_t>(std::wcstoul(value, nullptr, 10));
-            reEncode = 1;
-        } else if (prefix(word, L"-ss:", 4)) {
-            start = static_cast<uint32_t>(std::wcstoul(value, nullptr, 10));
-            reEncode = 1;
-        } else if (prefix(word, L"-to:", 4)) {
-            double seconds = std::ceil(wcstod_l(value, nullptr, GLTK::C_LOCALE));
-            // Beyond what a 64-bit count of seconds holds (or not a number):
-            // to the end.
-            end = seconds > -9.2e18 && seconds < 9.2e18 ? static_cast<uint32_t>(static_cast<int64_t>(seconds))
-                                                        : 0xFFFFFFFFu;
-            reEncode = 1;
-        } else if (prefix(word, L"-thumb:", 7)) {
-            thumbnailPath = word.substr(7);
-        } else if (word == L"-h264") {
-            codec = 1;
-        } else if (word == L"-h265") {
-            codec = 2;
+            if (row->reEncodes)
+                reEncode = 1;
         } else if (sourcePath.empty()) {
             sourcePath = word;
         } else {

@@ -6,6 +6,7 @@
 #include "GLTKwchar.h"
 #include "MetaBuilder.h"
 #include "Option.h"
+#include "OptionTable.h"
 #include "ResizeTranscoder.h"
 #include "Thumbnailer.h"
 #include "Utility.h"
@@ -168,6 +169,15 @@ int main(int argc, char** argv)
     int status = 0;
     if (Utility::kill(argc, args, status))
         return status;
+    // Words that answer at once, whatever else the line holds.
+    for (size_t i = 1; i < args.size(); ++i) {
+        if (args[i] == L"--help")
+            return printHelp(), 0;
+        if (args[i] == L"--version")
+            return GLTK::Console::out(L"Resize %s\n", Resize_version), 0;
+        if (args[i] == L"--options")
+            return printOptionTable(), 0;
+    }
     if (int word = Utility::firstUnreadableArgument(argc, argv)) {
         GLTK::Console::out(L"argument %d is not readable text in this locale.\n", word);
         return 1;

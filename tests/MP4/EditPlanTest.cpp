@@ -94,6 +94,40 @@ TEST(EditPlan, RewritesOnlyTheTailInPlaceWhenNoByteOfTheMovieMoves)
     EXPECT_FALSE(fs::exists(fs::path(m.file.string() + ".tmp.mp4")));
 }
 
+TEST(EditPlan, OffsetConversionAtTheThirtyTwoBitEdges)
+{
+    auto run = [](EditPlan::Offsets o, Bytes values, uint64_t shift) {
+        const bool ok = EditPlan::convertOffsets(o, values.data(), [&](unsigned file, uint64_t at) {
+            return at + shift + file;
+        });
+        return std::make_pair(ok, values);
+    };
+    EditPlan::Offsets stco;
+    stco.count = 2;
+    stco.owner = "stco";
+    // Moved to the last 32-bit offset: kept; one byte further: refused.
+    EXPECT_EQ(run(stco, u32s({0xFFFFFF00u, 16}), 0xFF), std::make_pair(true, u32s({0xFFFFFFFFu, 0x10F})));
+    std::string said = printedBy([&] { EXPECT_FALSE(run(stco, u32s({0xFFFFFF00u, 16}), 0x100).first); });
+    EXPECT_NE(said.find("'stco' would be 4294967296"), std::string::npos) << said;
+    // co64 goes past 32 bits; a pointer names where its target lands plus
+    // its addend, whatever it held.
+    EditPlan::Offsets co64 = stco;
+    co64.width = 8;
+    co64.count = 1;
+    Bytes wide(8, 0);
+    put32be(wide.data() + 4, 0xFFFFFFFFu);
+    Bytes moved(8, 0);
+    moved[3] = 1;
+    EXPECT_EQ(run(co64, wide, 1), std::make_pair(true, moved));
+    EditPlan::Offsets pointer = co64;
+    pointer.pointer = true;
+    pointer.target = {1, 5000};
+    pointer.addend = -8;
+    Bytes named(8, 0);
+    put32be(named.data() + 4, 5000 + 100 + 1 - 8);
+    EXPECT_EQ(run(pointer, Bytes(8, 0xEE), 100), std::make_pair(true, named));
+}
+
 TEST(EditPlan, OffsetsAndSizesPastThirtyTwoBitsAndDamagedBoxesAreRefusedBeforeWriting)
 {
     {

@@ -2,8 +2,9 @@
 // re-encode.
 #include "CameraModel.h"
 #include "GLTKwchar.h"
-#include "Movies.h"
 #include "Option.h"
+#include "OptionTable.h"
+#include "Tools.h"
 
 #include <gtest/gtest.h>
 
@@ -76,6 +77,29 @@ TEST(Option, EachCameraModelProbesToItsCodeAndTheSourceGivesTheDefaults)
         EXPECT_NE(hevc.printed.find(line), std::string::npos) << line << " in\n" << hevc.printed;
     EXPECT_EQ(hevc.option.codec, 2);
     EXPECT_EQ(hevc.option.videoWidth, 32); // libx265's smallest frame is 32 x 16
+}
+
+// One table drives the parser, --help and resize-batch (through --options):
+// every row is listed once in each.
+TEST(Option, HelpAndTheBatchTableListEveryOptionOnce)
+{
+    std::string help, table;
+    EXPECT_EQ(run(resize() + " --help", &help), 0);
+    EXPECT_EQ(run(resize() + " --options", &table), 0);
+    EXPECT_TRUE(help.starts_with(usage("./images/source.mp4", "./images/resize.mp4"))) << help;
+    auto count = [](const std::string& text, const std::string& what) {
+        size_t n = 0;
+        for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+            ++n;
+        return n;
+    };
+    for (const OptionRow& row : optionTable()) {
+        std::string listed = "\n  ", tabled = "\n";
+        listed.append(GLTK::wchar::narrow(row.word)).append(GLTK::wchar::narrow(row.value)).append(" ");
+        tabled.append(GLTK::wchar::narrow(row.word)).append("\t");
+        EXPECT_EQ(count(help, listed), 1u) << listed << " in\n" << help;
+        EXPECT_EQ(count("\n" + table, tabled), 1u) << tabled << " in\n" << table;
+    }
 }
 
 } // namespace
