@@ -70,13 +70,6 @@ void ScalingList::process_stream(GolombBitStream& stream, bool write)
     }
 }
 
-void ScalingMatrix::clear()
-{
-    seq_scaling_list_present_flag.clear();
-    for (ScalingList& l : lists)
-        l.clear();
-}
-
 void ScalingMatrix::process_stream(GolombBitStream& stream, bool write)
 {
     if (count < 0 || count > 12)
@@ -98,17 +91,6 @@ void ScalingMatrix::process_stream(GolombBitStream& stream, bool write)
 // ---------------------------------------------------------------------------
 // High-profile block
 
-void HighProfileSpec::clear()
-{
-    chroma_format_idc.clear();
-    separate_colour_plane_flag.clear();
-    bit_depth_luma_minus8.clear();
-    bit_depth_chroma_minus8.clear();
-    qpprime_y_zero_transform_bypass_flag.clear();
-    seq_scaling_matrix_present_flag.clear();
-    scaling_matrix.clear();
-}
-
 void HighProfileSpec::process_stream(GolombBitStream& stream, bool write)
 {
     chroma_format_idc.process(stream, write);
@@ -126,20 +108,6 @@ void HighProfileSpec::process_stream(GolombBitStream& stream, bool write)
 
 // ---------------------------------------------------------------------------
 // HRD
-
-void HRD::clear()
-{
-    cpb_cnt_minus1.clear();
-    bit_rate_scale.clear();
-    cpb_size_scale.clear();
-    bit_rate_value_minus1.clear();
-    cpb_size_value_minus1.clear();
-    cbr_flag.clear();
-    initial_cpb_removal_delay_length_minus1.clear();
-    cpb_removal_delay_length_minus1.clear();
-    dpb_output_delay_length_minus1.clear();
-    time_offset_length.clear();
-}
 
 void HRD::process_stream(GolombBitStream& stream, bool write)
 {
@@ -169,46 +137,6 @@ void HRD::process_stream(GolombBitStream& stream, bool write)
 
 // ---------------------------------------------------------------------------
 // VUI
-
-void VUI::clear()
-{
-    Entity* fields[] = {&aspect_ratio_info_present_flag,
-                        &aspect_ratio_idc,
-                        &sar_width,
-                        &sar_height,
-                        &overscan_info_present_flag,
-                        &overscan_appropriate_flag,
-                        &video_signal_type_present_flag,
-                        &video_format,
-                        &video_full_range_flag,
-                        &colour_description_present_flag,
-                        &colour_primaries,
-                        &transfer_characteristics,
-                        &matrix_coefficients,
-                        &chroma_loc_info_present_flag,
-                        &chroma_sample_loc_type_top_field,
-                        &chroma_sample_loc_type_bottom_field,
-                        &timing_info_present_flag,
-                        &num_units_in_tick,
-                        &time_scale,
-                        &fixed_frame_rate_flag,
-                        &nal_hrd_parameters_present_flag,
-                        &nal_hrd,
-                        &vcl_hrd_parameters_present_flag,
-                        &vcl_hrd,
-                        &low_delay_hrd_flag,
-                        &pic_struct_present_flag,
-                        &bitstream_restriction_flag,
-                        &motion_vectors_over_pic_boundaries_flag,
-                        &max_bytes_per_pic_denom,
-                        &max_bits_per_mb_denom,
-                        &log2_max_mv_length_horizontal,
-                        &log2_max_mv_length_vertical,
-                        &max_num_reorder_frames,
-                        &max_dec_frame_buffering};
-    for (Entity* f : fields)
-        f->clear();
-}
 
 void VUI::process_stream(GolombBitStream& stream, bool write)
 {
@@ -316,46 +244,6 @@ long long SPS::height() const
     return ((long long)pic_height_in_map_units_minus1 + 1) * 16 * fields - unitY * crop;
 }
 
-void SPS::clear()
-{
-    Entity* fields[] = {&forbidden_zero_bit,
-                        &nal_ref_idc,
-                        &nal_unit_type,
-                        &profile_idc,
-                        &constraint_set0_flag,
-                        &constraint_set1_flag,
-                        &constraint_set2_flag,
-                        &constraint_set3_flag,
-                        &constraint_set4_5_and_reserved,
-                        &level_idc,
-                        &seq_parameter_set_id,
-                        &high,
-                        &log2_max_frame_num_minus4,
-                        &pic_order_cnt_type,
-                        &log2_max_pic_order_cnt_lsb_minus4,
-                        &delta_pic_order_always_zero_flag,
-                        &offset_for_non_ref_pic,
-                        &offset_for_top_to_bottom_field,
-                        &num_ref_frames_in_pic_order_cnt_cycle,
-                        &offset_for_ref_frame,
-                        &max_num_ref_frames,
-                        &gaps_in_frame_num_value_allowed_flag,
-                        &pic_width_in_mbs_minus1,
-                        &pic_height_in_map_units_minus1,
-                        &frame_mbs_only_flag,
-                        &mb_adaptive_frame_field_flag,
-                        &direct_8x8_inference_flag,
-                        &frame_cropping_flag,
-                        &frame_crop_left_offset,
-                        &frame_crop_right_offset,
-                        &frame_crop_top_offset,
-                        &frame_crop_bottom_offset,
-                        &vui_parameters_present_flag,
-                        &vui};
-    for (Entity* f : fields)
-        f->clear();
-}
-
 void SPS::process_stream(GolombBitStream& stream, bool write)
 {
     forbidden_zero_bit.process(stream, write);
@@ -411,24 +299,9 @@ void SPS::process_stream(GolombBitStream& stream, bool write)
 // ---------------------------------------------------------------------------
 // Configuration record
 
-void AVCC::clear()
-{
-    configurationVersion = 0;
-    AVCProfileIndication = 0;
-    profile_compatibility = 0;
-    AVCLevelIndication = 0;
-    lengthSizeMinusOne = 0;
-    numOfSequenceParameterSets = 0;
-    sequenceParameterSets.clear();
-    numOfPictureParameterSets = 0;
-    pictureParameterSets.clear();
-    trailing.clear();
-    sps.clear();
-}
-
 void AVCC::parse(GolombBitStream& stream)
 {
-    clear();
+    *this = AVCC();
     configurationVersion = stream.read8();
     AVCProfileIndication = stream.read8();
     profile_compatibility = stream.read8();
@@ -506,7 +379,7 @@ void AVCC::sps_parse()
         throw "no sequence parameter set";
     GolombBitStream stream;
     stream.attach(unescapeNAL(sequenceParameterSets.entries.front().bytes));
-    sps.clear();
+    sps = SPS();
     sps.parse(stream);
 }
 

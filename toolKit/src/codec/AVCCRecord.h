@@ -17,12 +17,13 @@
 
 namespace AVCSyntax {
 
-// Every element of the syntax: read from a stream, written to one, reset.
+// Every element of the syntax: read from a stream, written to one. Each
+// holds its fields by value with their defaults, so that assigning a
+// default-made one resets it whole.
 class Entity {
 public:
     virtual void parse(GolombBitStream& stream) = 0;
     virtual void to_s(GolombBitStream& stream) = 0;
-    virtual void clear() = 0;
     virtual ~Entity() = default;
 
     void process(GolombBitStream& stream, bool write)
@@ -52,7 +53,6 @@ template <int N> class BitData : public Entity {
 public:
     void parse(GolombBitStream& stream) override { value = stream.read_bits(N).pattern; }
     void to_s(GolombBitStream& stream) override { stream.write_bits(value, N); }
-    void clear() override { value = 0; }
 
     BitData& operator=(uint32_t v)
     {
@@ -69,7 +69,6 @@ class GolombData : public Entity {
 public:
     void parse(GolombBitStream& stream) override { value = stream.read_golomb(); }
     void to_s(GolombBitStream& stream) override { stream.write_golomb(value); }
-    void clear() override { value = 0; }
 
     GolombData& operator=(uint32_t v)
     {
@@ -96,7 +95,6 @@ public:
         for (Element& e : items)
             e.to_s(stream);
     }
-    void clear() override { items.clear(); }
 
     void resize(size_t n) { items.assign(n, Element()); }
     size_t size() const { return items.size(); }
@@ -122,7 +120,6 @@ public:
 
     void parse(GolombBitStream& stream) override;
     void to_s(GolombBitStream& stream) override;
-    void clear() override { entries.clear(); }
 
     std::deque<Entry> entries;
 };
@@ -131,12 +128,6 @@ public:
 // this program's signed codes. size is 16 or 64.
 class ScalingList : public Syntax {
 public:
-    void clear() override
-    {
-        delta_scale.clear();
-        delta_code.clear();
-    }
-
     int size = 16;
     // The deltas in this program's signed reading, and the code numbers as
     // read, which are what is written back.
@@ -151,8 +142,6 @@ protected:
 // 8 lists, or 12 when chroma_format_idc is 3 (count is set before use).
 class ScalingMatrix : public Syntax {
 public:
-    void clear() override;
-
     int count = 8;
     BitDataVector<1> seq_scaling_list_present_flag;
     ScalingList lists[12];
@@ -164,8 +153,6 @@ protected:
 // The block that the high profiles add after seq_parameter_set_id.
 class HighProfileSpec : public Syntax {
 public:
-    void clear() override;
-
     GolombData chroma_format_idc;
     BitData<1> separate_colour_plane_flag;
     GolombData bit_depth_luma_minus8;
@@ -181,8 +168,6 @@ protected:
 // hrd_parameters(), for the NAL and the VCL HRD of the VUI.
 class HRD : public Syntax {
 public:
-    void clear() override;
-
     GolombData cpb_cnt_minus1;
     BitData<4> bit_rate_scale;
     BitData<4> cpb_size_scale;
@@ -201,8 +186,6 @@ protected:
 // vui_parameters().
 class VUI : public Syntax {
 public:
-    void clear() override;
-
     BitData<1> aspect_ratio_info_present_flag;
     BitData<8> aspect_ratio_idc;
     BitData<16> sar_width;
@@ -247,8 +230,6 @@ protected:
 // boundary.
 class SPS : public Syntax {
 public:
-    void clear() override;
-
     // The profiles that carry the high-profile block.
     static bool hasHighProfileBlock(uint32_t profile_idc);
 
@@ -309,8 +290,6 @@ class AVCC : public Entity {
 public:
     void parse(GolombBitStream& stream) override;
     void to_s(GolombBitStream& stream) override;
-    void clear() override;
-
     // Parses the first SPS entry into sps.
     void sps_parse();
     // Writes sps and puts the result in place of the first SPS entry.
