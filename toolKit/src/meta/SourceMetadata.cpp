@@ -18,16 +18,30 @@ bool SourceMetadata::read(const MP4::Container& c)
     *this = SourceMetadata();
     if (!c.root)
         return false;
-
     if (const MP4::MVHD* m = c.first<MP4::MVHD>("moov.mvhd"))
         creationTime = m->creationTime;
+    readCamera(c);
+    readUuids(c);
+    if (const MP4::BOX* x = c.first("moov.udta.@xyz")) {
+        std::string text;
+        if (c.readPayload(*x, kMaxText, text)) {
+            hasXyz = true;
+            gps.attachRXYZ(text.c_str()); // stops at the first zero byte
+        }
+    }
+    readSpherical(c);
+    const MP4::BOX* gyro = c.first("moov.udta.QDTB");
+    hasGyroData = gyro != nullptr && gyro->size >= 25;
+    return true;
+}
 
+void SourceMetadata::readCamera(const MP4::Container& c)
+{
     const MP4::BOX* mod = c.first("moov.udta.@mod");
     if (mod != nullptr && mod->size > 8 && c.readPayload(*mod, kMaxText, modelText)) {
         hasModel = true;
         modelCode = CameraModel::code(modelText);
     }
-
     if (const MP4::BOX* q = c.first("moov.udta.QMKN")) {
         std::string bytes;
         makerNote = MakerNote::Empty;
@@ -45,7 +59,10 @@ bool SourceMetadata::read(const MP4::Container& c)
     }
     if (makerNote == MakerNote::Read && !std::isnan(orvex.heading))
         gps.attachCompass(static_cast<double>(orvex.heading));
+}
 
+void SourceMetadata::readUuids(const MP4::Container& c)
+{
     c.find<MP4::UUID>("uuid", [&](MP4::UUID& u) {
         if (u.hasUserType(MP4::XMP::_UUID) && !hasXmp) {
             hasXmp = c.readPayload(u, kMaxUuidText, xmp);
@@ -57,43 +74,33 @@ bool SourceMetadata::read(const MP4::Container& c)
         }
         return true;
     });
+}
 
-    if (const MP4::BOX* x = c.first("moov.udta.@xyz")) {
-        std::string text;
-        if (c.readPayload(*x, kMaxText, text)) {
-            hasXyz = true;
-            gps.attachRXYZ(text.c_str()); // stops at the first zero byte
+void SourceMetadata::readSpherical(const MP4::Container& c)
+{
+    if (c.videoTrack == nullptr)
+        return;
+    c.videoTrack->find<MP4::UUID>("uuid", [&](MP4::UUID& u) {
+        if (!u.hasUserType(MP4::SphericalXML::_UUID))
+            return true;
+        hasSphericalXml = c.readPayload(u, kMaxUuidText, sphericalXml);
+        return false;
+    });
+    c.videoTrack->find<MP4::STSD>("mdia.minf.stbl.stsd", [&](MP4::STSD& stsd) {
+        for (const MP4::BOX* entry : stsd.children) {
+            const auto* e = entry->as<MP4::VisualSampleEntry>();
+            const auto* sv3d = e != nullptr ? e->first<MP4::SV3D>("sv3d") : nullptr;
+            const auto* prhd = sv3d != nullptr ? sv3d->first<MP4::PRHD>("proj.prhd") : nullptr;
+            const auto* svhd = sv3d != nullptr ? sv3d->first<MP4::SVHD>("svhd") : nullptr;
+            if (prhd == nullptr || svhd == nullptr)
+                continue;
+            hasV2 = true;
+            v2Yaw = prhd->yaw;
+            v2Pitch = prhd->pitch;
+            v2Roll = prhd->roll;
+            v2Source = svhd->metadataSource;
+            return false;
         }
-    }
-
-    if (c.videoTrack != nullptr)
-        c.videoTrack->find<MP4::UUID>("uuid", [&](MP4::UUID& u) {
-            if (!u.hasUserType(MP4::SphericalXML::_UUID))
-                return true;
-            hasSphericalXml = c.readPayload(u, kMaxUuidText, sphericalXml);
-            return false;
-        });
-
-    if (c.videoTrack != nullptr)
-        c.videoTrack->find<MP4::STSD>("mdia.minf.stbl.stsd", [&](MP4::STSD& stsd) {
-            for (const MP4::BOX* entry : stsd.children) {
-                const auto* e = entry->as<MP4::VisualSampleEntry>();
-                const auto* sv3d = e != nullptr ? e->first<MP4::SV3D>("sv3d") : nullptr;
-                const auto* prhd = sv3d != nullptr ? sv3d->first<MP4::PRHD>("proj.prhd") : nullptr;
-                const auto* svhd = sv3d != nullptr ? sv3d->first<MP4::SVHD>("svhd") : nullptr;
-                if (prhd == nullptr || svhd == nullptr)
-                    continue;
-                hasV2 = true;
-                v2Yaw = prhd->yaw;
-                v2Pitch = prhd->pitch;
-                v2Roll = prhd->roll;
-                v2Source = svhd->metadataSource;
-                return false;
-            }
-            return false;
-        });
-
-    const MP4::BOX* gyro = c.first("moov.udta.QDTB");
-    hasGyroData = gyro != nullptr && gyro->size >= 25;
-    return true;
+        return false;
+    });
 }

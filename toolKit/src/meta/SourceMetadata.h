@@ -51,4 +51,9 @@ public:
     // The creation time of moov.mvhd, and whether a gyro stream is present.
     uint64_t creationTime = 0;
     bool hasGyroData = false;
+
+private:
+    void readCamera(const MP4::Container& c);
+    void readUuids(const MP4::Container& c);
+    void readSpherical(const MP4::Container& c);
 };
