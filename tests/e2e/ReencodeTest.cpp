@@ -199,7 +199,7 @@ TEST(ReencodeNewerCamera, H264AtLowRateKeepsBitRateResamplesAudioAndTrimsAt15Per
     expectCameraMovie(r.output);
 }
 
-TEST(ReencodeOlderCamera, HevcSourceToH264KeepsSizeAndTrimsAxisStream)
+TEST(ReencodeOlderCamera, HevcSourceToH264KeepsSizeTheCamerasBoxesAndTrimsItsStreams)
 {
     Reencode r("--model older --codec h265 --duration 3", "-h264 -ss:1 -to:2");
     ASSERT_EQ(r.status, 0) << r.out;
@@ -211,6 +211,23 @@ TEST(ReencodeOlderCamera, HevcSourceToH264KeepsSizeAndTrimsAxisStream)
     EXPECT_EQ(topLevel(readFile(r.output)), "ftyp free moov free mdat uuid uuid"); // older cameras get moov first
     // The axis-tilt stream is cut like the sensor streams.
     expectRecordsCut(payload(r.output, uuidSegment(kAxisUUID)), 30, 30);
+
+    // What the camera recorded comes along, as for the newer cameras: its
+    // udta in its order (with the text position it lacked), the maker note
+    // updated, QDTD and QDTC cut to the kept range and the other streams
+    // whole, a maker thumbnail of the output, and the GPS meta box.
+    std::string udta;
+    for (const BoxAt& b : findAll(readFile(r.output), "moov.udta.*"))
+        udta += b.type + " ";
+    EXPECT_EQ(udta, "@mod QMKN QTHU QDTB QDTC QDTD QDTG QDTI @xyz loci \xA9xyz ");
+    expectOnlyProjectionCorrected(r.source, r.output);
+    expectSensorCut(r, 30, 30);
+    for (const char* whole : {"moov.udta.@mod", "moov.udta.QDTB", "moov.udta.QDTG", "moov.udta.QDTI", "moov.meta"})
+        EXPECT_EQ(payload(r.output, whole), payload(r.source, whole)) << whole;
+    expectMakerThumbnail(r.output, payload(r.source, "moov.udta.QTHU").size(), r.dir / "thumb.jpg");
+    std::string again;
+    EXPECT_EQ(run(resize() + " " + q(r.output) + " " + q(r.dir / "again.mp4"), &again), 0) << again;
+    EXPECT_NE(again.find("source movie model: NARVI ORVEX B1 (10001)\n"), std::string::npos) << again;
 }
 
 // A re-encode that breaks down half-way through, after the output was

@@ -37,6 +37,17 @@ bool CameraUdta::update(const MP4::Container& camera, unsigned file, const MP4::
     return true;
 }
 
+bool CameraUdta::carryGpsMeta(const MP4::Container& movie, const MP4::Container& camera, unsigned file,
+                              MP4::EditPlan& plan)
+{
+    const MP4::BOX* gpsMeta = camera.first("moov.meta");
+    if (gpsMeta == nullptr || gpsMeta->size < 9)
+        return true;
+    if (!gpsMeta->whole())
+        return false;
+    return movie.appendGpsMeta(plan, file, gpsMeta->start, gpsMeta->size);
+}
+
 void CameraUdta::updateMakerNote(ByteArray& note) const
 {
     // An update with nothing to do (tag absent, state unknown or off) is no

@@ -14,6 +14,10 @@ public:
     // mediaPath is the movie whose frames the output carries.
     bool update(const MP4::Container& camera, unsigned file, const MP4::NestedBox& udta,
                 const std::wstring& mediaPath, MP4::EditPlan& plan) const;
+    // The camera's GPS meta box (moov.meta) behind the last child of the
+    // movie's moov, when the camera has one and the movie none.
+    static bool carryGpsMeta(const MP4::Container& movie, const MP4::Container& camera, unsigned file,
+                             MP4::EditPlan& plan);
 
 private:
     void updateMakerNote(ByteArray& payload) const;

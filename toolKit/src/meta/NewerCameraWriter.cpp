@@ -13,7 +13,7 @@ bool NewerCameraWriter::build(const MP4::Container& movie, MP4::EditPlan& plan, 
     // source that was re-encoded into it.
     const MP4::Container& camera = source.container;
     const unsigned cameraFile = &movie == &camera ? 0 : plan.addInput(camera);
-    if (!carryUdta(movie, cameraFile, plan) || !carryGpsMeta(movie, cameraFile, plan) ||
+    if (!carryUdta(movie, cameraFile, plan) || !CameraUdta::carryGpsMeta(movie, camera, cameraFile, plan) ||
         !SpatialDataCopy::carry(movie, camera, cameraFile, req.spatialCut, plan))
         return false;
     if (!req.xmp.empty() && !movie.appendXMP(plan, req.xmp))
@@ -38,14 +38,4 @@ bool NewerCameraWriter::carryUdta(const MP4::Container& movie, unsigned cameraFi
     if (cameraFile == 0)
         return true;
     return movie.replaceUdta(plan, {MP4::EditPlan::range(cameraFile, udta->start, udta->size)});
-}
-
-bool NewerCameraWriter::carryGpsMeta(const MP4::Container& movie, unsigned cameraFile, MP4::EditPlan& plan)
-{
-    const MP4::BOX* gpsMeta = source.container.first("moov.meta");
-    if (gpsMeta == nullptr || gpsMeta->size < 9)
-        return true;
-    if (!gpsMeta->whole())
-        return false;
-    return movie.appendGpsMeta(plan, cameraFile, gpsMeta->start, gpsMeta->size);
 }

@@ -17,7 +17,6 @@ public:
 private:
     // The camera's udta, brought up to date, in place of the movie's.
     bool carryUdta(const MP4::Container& movie, unsigned cameraFile, MP4::EditPlan& plan);
-    bool carryGpsMeta(const MP4::Container& movie, unsigned cameraFile, MP4::EditPlan& plan);
 
     const SourceMovie& source;
     RebuildRequest& req;

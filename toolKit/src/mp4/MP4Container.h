@@ -70,6 +70,9 @@ public:
     // damaged entry or V2 box is left alone with one line saying so.
     bool appendSphericalVideoV2(EditPlan& plan, const std::string& metadataSource, double yaw, double pitch) const;
     bool appendFullRangeAndConstrainedSet1Flag(EditPlan& plan, bool fullRange) const;
+    // The location boxes of the position: @xyz, loci and the text position
+    // (the box coded A9 78 79 7A), those asked for, in that order.
+    static ByteArray locationBoxes(const GPSInfo& gps, bool xyz, bool loci, bool textXyz);
     // The location boxes the movie lacks, wrapped in a new udta when it has
     // none; false when there is nothing to add.
     bool build_locationBOX(const EditPlan& plan, BOX*& udta, ByteArray& out, const GPSInfo& gps) const;

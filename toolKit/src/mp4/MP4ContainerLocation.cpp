@@ -7,6 +7,18 @@
 
 namespace MP4 {
 
+ByteArray Container::locationBoxes(const GPSInfo& gps, bool xyz, bool loci, bool textXyz)
+{
+    ByteArray out;
+    if (xyz)
+        out.append(ATXYZ::bytes(gps.rawXyz));
+    if (loci)
+        out.append(LOCI::bytes(gps.lon().toUINT32Fixnum(), gps.lat().toUINT32Fixnum(), gps.alt().toUINT32Fixnum()));
+    if (textXyz)
+        out.append(XYZ::bytes(gps.to_CXYZ_string()));
+    return out;
+}
+
 bool Container::build_locationBOX(const EditPlan& plan, BOX*& udta, ByteArray& out, const GPSInfo& gps) const
 {
     out.clear();
@@ -22,12 +34,7 @@ bool Container::build_locationBOX(const EditPlan& plan, BOX*& udta, ByteArray& o
         });
         return !found;
     };
-    if (lacks("moov.udta.@xyz"))
-        out.append(ATXYZ::bytes(gps.rawXyz));
-    if (lacks("moov.udta.loci"))
-        out.append(LOCI::bytes(gps.lon().toUINT32Fixnum(), gps.lat().toUINT32Fixnum(), gps.alt().toUINT32Fixnum()));
-    if (lacks("moov.udta.\xA9xyz"))
-        out.append(XYZ::bytes(gps.to_CXYZ_string()));
+    out = locationBoxes(gps, lacks("moov.udta.@xyz"), lacks("moov.udta.loci"), lacks("moov.udta.\xA9xyz"));
     if (out.empty())
         return false;
     if (udta == nullptr)
