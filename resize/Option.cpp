@@ -57,9 +57,12 @@ bool Option::parse(int argc, const std::vector<std::wstring>& argv)
         }
     }
     // The frame is W x W/2, and the encoders take even sides only: a width
-    // is taken to the nearest multiple of 4, at least 4.
-    if (videoWidth > 0)
-        videoWidth = static_cast<int32_t>(std::clamp<int64_t>((int64_t(videoWidth) + 2) / 4 * 4, 4, INT32_MAX - 3));
+    // is taken to the nearest multiple of 4, at least 4; one below 2 keeps
+    // the source's.
+    if (videoWidth >= 2)
+        videoWidth = std::max((videoWidth + 2) / 4 * 4, 4);
+    else if (videoWidth != -1)
+        videoWidth = -1;
     if (sourcePath.empty())
         sourcePath = L"./images/source.mp4";
     if (outputPath.empty())
@@ -82,9 +85,31 @@ void Option::derive(const SourceMovie& source)
     }
     if (videoBitRate == 0xFFFFFFFFu) {
         GLTK::Console::out(L"source video bitrate: %lu\n", static_cast<unsigned long>(probe.videoBitRate));
-        videoBitRate = probe.default_bitrate(videoWidth, codec == 2);
+        // A re-encode never spends more than the camera did: the table's
+        // rate, at most the source's own.
+        const float own = probe.videoBitRate;
+        const uint32_t cap = own >= 1000.0f && own < 4.0e9f ? static_cast<uint32_t>(own) : UINT32_MAX;
+        videoBitRate = std::min(probe.default_bitrate(videoWidth, codec == 2), cap);
         GLTK::Console::out(L"output video bitrate: %lu\n", static_cast<unsigned long>(videoBitRate));
     }
+}
+
+bool Option::keepsSomething(double duration) const
+{
+    if (!reEncode || !(duration > 0.0))
+        return true;
+    GLTK::Console::LocaleC c;
+    if (end != 0xFFFFFFFFu && end <= start) {
+        GLTK::Console::out(L"-ss:%u -to:%u keeps nothing: the range ends where or before it starts (the movie is "
+                           L"%.2f s long).\n",
+                           start, end, duration);
+        return false;
+    }
+    if (start >= duration) {
+        GLTK::Console::out(L"-ss:%u keeps nothing: the movie is %.2f s long.\n", start, duration);
+        return false;
+    }
+    return true;
 }
 
 void Option::usage() const

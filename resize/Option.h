@@ -21,6 +21,9 @@ public:
     // derives the defaults that depend on it: codec, key-frame interval and
     // video bit rate. A source whose video cannot be probed leaves them unset.
     void derive(const SourceMovie& source);
+    // Whether the asked range keeps any of a movie of this length (seconds);
+    // false, after one line naming the range and the length, when not.
+    bool keepsSomething(double duration) const;
     void usage() const;
 
     int32_t keyFrameInterval;

@@ -4,9 +4,11 @@
 #include "GLTKwchar.h"
 #include "Option.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cwchar>
+#include <cwctype>
 
 namespace {
 
@@ -41,6 +43,36 @@ bool setEnd(Option& o, const std::wstring& value)
 int32_t signedValue(const std::wstring& v) { return static_cast<int32_t>(std::wcstol(v.c_str(), nullptr, 10)); }
 uint32_t unsignedValue(const std::wstring& v) { return static_cast<uint32_t>(std::wcstoul(v.c_str(), nullptr, 10)); }
 
+// A bit rate: a positive whole number of bits per second, or of thousands
+// (k) or millions (M) of them: "8M" is 8,000,000. Anything else, or a rate
+// below what the encoder can use, is refused with a line that says so.
+bool bitRate(const wchar_t* word, const std::wstring& value, uint64_t minimum, uint32_t& out)
+{
+    wchar_t* end = nullptr;
+    const unsigned long long n = value.empty() || !std::iswdigit(value[0]) ? 0 : std::wcstoull(value.c_str(), &end, 10);
+    const std::wstring unit = end != nullptr ? end : L"";
+    const uint64_t scale = unit.empty() ? 1 : unit == L"k" ? 1000 : unit == L"M" ? 1000000 : 0;
+    const uint64_t rate = scale != 0 && n <= UINT32_MAX ? n * scale : 0;
+    if (rate == 0 || rate > UINT32_MAX) {
+        GLTK::Console::out(L"%ls%ls is not a bit rate: give a positive number of bits per second, or of thousands (k) "
+                           L"or millions (M) of them, such as %ls8M.\n",
+                           word, value.c_str(), word);
+        return false;
+    }
+    if (rate < minimum) {
+        GLTK::Console::out(L"%ls%ls: the encoder takes at least %llu bits per second.\n", word, value.c_str(),
+                           static_cast<unsigned long long>(minimum));
+        return false;
+    }
+    out = static_cast<uint32_t>(rate);
+    return true;
+}
+
+// The widest frame both encoders take (libx264 stops at 16384).
+constexpr int32_t kMaxWidth = 16384;
+// libx264 and libx265 count the rate in whole kbit/s.
+constexpr uint64_t kMinVideoRate = 1000;
+
 const wchar_t* const kOneMovie = L"a time range belongs to one movie and is refused in a batch; cut that movie with Resize";
 
 } // namespace
@@ -57,10 +89,16 @@ const std::vector<OptionRow>& optionTable()
          }},
         {L"-view:", true, false, nullptr, L"H,P[,FOV[,DOLLY]]",
          L"initial view: heading and pitch in degrees, then field of view and dolly", L"-view:90,10", setView},
-        {L"-vw:", true, true, nullptr, L"W", L"output frame width in pixels; the height is W/2", L"-vw:1920",
+        {L"-vw:", true, true, nullptr, L"W",
+         L"output frame width in pixels, to the nearest multiple of 4; the height is W/2 (below 2: the source's)",
+         L"-vw:1920",
          [](Option& o, const std::wstring& v) {
-             o.videoWidth = signedValue(v);
-             return true;
+             const long width = std::wcstol(v.c_str(), nullptr, 10);
+             o.videoWidth = static_cast<int32_t>(std::clamp<long>(width, -1, kMaxWidth));
+             if (width <= kMaxWidth)
+                 return true;
+             GLTK::Console::out(L"-vw:%ls: the encoders take frames at most %d wide.\n", v.c_str(), kMaxWidth);
+             return false;
          }},
         {L"-ki:", true, true, nullptr, L"N",
          L"key-frame interval in frames (default 30 above 29 fps, else 15)", L"-ki:30",
@@ -68,16 +106,12 @@ const std::vector<OptionRow>& optionTable()
              o.keyFrameInterval = signedValue(v);
              return true;
          }},
-        {L"-vb:", true, true, nullptr, L"BPS", L"video average bit rate, bits per second", L"-vb:16000000",
-         [](Option& o, const std::wstring& v) {
-             o.videoBitRate = unsignedValue(v);
-             return true;
-         }},
-        {L"-ab:", true, true, nullptr, L"BPS", L"audio bit rate, bits per second (default 128000)", L"-ab:96000",
-         [](Option& o, const std::wstring& v) {
-             o.audioBitRate = unsignedValue(v);
-             return true;
-         }},
+        {L"-vb:", true, true, nullptr, L"BPS",
+         L"video average bit rate, bits per second, k or M for thousands or millions (default: by size and frame "
+         L"rate, at most the source's)",
+         L"-vb:16M", [](Option& o, const std::wstring& v) { return bitRate(L"-vb:", v, kMinVideoRate, o.videoBitRate); }},
+        {L"-ab:", true, true, nullptr, L"BPS", L"audio bit rate, bits per second, k or M as for -vb: (default 128k)",
+         L"-ab:96k", [](Option& o, const std::wstring& v) { return bitRate(L"-ab:", v, 1, o.audioBitRate); }},
         {L"-ss:", true, true, kOneMovie, L"S", L"start of the kept range, whole seconds", L"-ss:2",
          [](Option& o, const std::wstring& v) {
              o.start = unsignedValue(v);

@@ -67,6 +67,50 @@ private:
     Clock::time_point drawn = begun;
 };
 
+// The progress lines off a terminal (a log, a pipe): the first, one about
+// every second, and the last, so that a log stays short however long the
+// movie. Each kind (frames, audio) keeps its own pace.
+class LogLines {
+public:
+    // Prints the line when it is due; keeps it otherwise, for the end.
+    void line(std::wstring text)
+    {
+        const auto now = Clock::now();
+        if (printed && now - last < std::chrono::seconds(1)) {
+            held = std::move(text);
+            return;
+        }
+        printed = true;
+        last = now;
+        held.clear();
+        GLTK::Console::out(L"%ls", text.c_str());
+    }
+    // The last line, when it was held back.
+    void finish()
+    {
+        if (!held.empty())
+            GLTK::Console::out(L"%ls", held.c_str());
+        held.clear();
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    bool printed = false;
+    Clock::time_point last;
+    std::wstring held;
+};
+
+std::wstring format(const wchar_t* f, int frame, double t, double total)
+{
+    GLTK::Console::LocaleC c;
+    wchar_t text[96];
+    if (frame >= 0)
+        swprintf(text, 96, f, frame, t, total);
+    else
+        swprintf(text, 96, f, t, total);
+    return text;
+}
+
 } // namespace
 
 uint32_t ResizeTranscoder::trim(const Option& option, const std::wstring& into)
@@ -117,17 +161,15 @@ uint32_t ResizeTranscoder::trim(const Option& option, const std::wstring& into)
     const double total = duration.seconds();
     const GLTK::MediaTimeRange range(startTime, GLTK::MediaTime(endTime.value - startTime.value, scale));
 
-    // At a terminal one status line; elsewhere a line for every frame and
-    // every audio buffer, for logs and scripts.
+    // At a terminal one status line; elsewhere lines for logs and scripts.
     const bool terminal = GLTK::Console::isTerminal();
+    LogLines frameLines, audioLines;
     FrameProgress progress(static_cast<uint32_t>(
         std::lround(std::max(range.duration.seconds() * transcoder.nominalFrameRate(), 0.0))));
     uint32_t frames = 0;
     auto onFrame = [&](const GLTK::VideoFrame* frame, GLTKVideoWriter&, GLTK::MediaTime time) {
-        if (!terminal) {
-            GLTK::Console::LocaleC c;
-            GLTK::Console::out(L"processing frame %6d %0.2f/%0.2f\n", frames, time.seconds(), total);
-        }
+        if (!terminal)
+            frameLines.line(format(L"processing frame %6d %0.2f/%0.2f\n", int(frames), time.seconds(), total));
         transcoder.processFrame(frame, time);
         ++frames;
         if (terminal)
@@ -135,15 +177,15 @@ uint32_t ResizeTranscoder::trim(const Option& option, const std::wstring& into)
         return true;
     };
     auto onAudio = [&](const GLTK::AudioBuffer* buffer, GLTKVideoWriter&, GLTK::MediaTime time) {
-        if (!terminal) {
-            GLTK::Console::LocaleC c;
-            GLTK::Console::out(L"processing audio ------ %0.2f/%0.2f\n", time.seconds(), total);
-        }
+        if (!terminal)
+            audioLines.line(format(L"processing audio ------ %0.2f/%0.2f\n", -1, time.seconds(), total));
         transcoder.processAudio(buffer);
     };
     bool ok = transcoder.process(output, 1.0f, startTime, range, option.codec == 2, onFrame, onAudio,
                                  [](GLTKVideoWriter&) {});
     if (terminal)
         progress.finish(frames, ok);
+    frameLines.finish();
+    audioLines.finish();
     return ok ? frames : 0;
 }

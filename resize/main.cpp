@@ -90,13 +90,17 @@ int run(int argc, const std::vector<std::wstring>& args)
     if (!source.open(option.sourcePath, problem))
         return stop(option, option.sourcePath + L": " + problem + L"\n");
     option.derive(source);
-    if (GLTK::cancelRequested() || !targetsAreFree(option))
+    if (GLTK::cancelRequested() || !option.keepsSomething(source.duration) || !targetsAreFree(option))
         return stop(option);
     // The movie is written under a temporary name beside the output from
     // the first byte on, by the encoder as well as by the metadata rebuild.
     GLTK::PendingFile movie;
     if (!movie.create(option.outputPath, MP4::kTemporarySuffix))
         return stop(option);
+    // So is the picture; one that cannot be written is said now, and the
+    // run goes on without it.
+    GLTK::PendingFile thumbnail;
+    const bool picture = !option.thumbnailPath.empty() && thumbnail.create(option.thumbnailPath, L".tmp.jpg");
 
     uint32_t frames = 0;
     if (option.reEncode) {
@@ -129,16 +133,13 @@ int run(int argc, const std::vector<std::wstring>& args)
         if (!updated || GLTK::cancelRequested())
             return stop(option, L"updateMeta failed.\n");
     }
-    // The picture is drawn from the finished movie, under a temporary name
-    // too; a picture that fails is reported, and the run still succeeds.
-    GLTK::PendingFile thumbnail;
-    if (!option.thumbnailPath.empty()) {
-        if (!thumbnail.create(option.thumbnailPath, L".tmp.jpg") ||
-            !Thumbnailer(movie.temporaryPath()).saveFrame(thumbnail.temporaryPath())) {
-            thumbnail.discard();
-            if (!GLTK::cancelRequested())
-                GLTK::Console::out(L"thumbnailer(%ls) failed.\n", option.thumbnailPath.c_str());
-        }
+    // The picture is drawn from the finished movie; a picture that fails is
+    // reported, and the run still succeeds.
+    if (!option.thumbnailPath.empty() &&
+        (!picture || !Thumbnailer(movie.temporaryPath()).saveFrame(thumbnail.temporaryPath()))) {
+        thumbnail.discard();
+        if (!GLTK::cancelRequested())
+            GLTK::Console::out(L"thumbnailer(%ls) failed.\n", option.thumbnailPath.c_str());
     }
     // Everything is written: the files take their names. A stop request that
     // comes after this point comes too late; the run has finished.

@@ -4,6 +4,7 @@
 // word, every media sample must keep its bytes, boxes must nest and chunks lie
 // in their media data (mp4check.py), ffprobe must see a spherical video and
 // exiftool must read the position, the view and the XMP fields.
+#include "ByteArray.h"
 #include "Tools.h"
 
 #include <gtest/gtest.h>
@@ -336,6 +337,44 @@ TEST(MetaE2EFailures, CommandLineMistakesEndWithStatusOne)
         EXPECT_EQ(text, std::string(name) + ": " + reason + "\n" + usage(name, "new.mp4"));
     }
     EXPECT_FALSE(fs::exists(dir / "new.mp4"));
+}
+
+TEST(MetaE2EFailures, EveryRefusalNamesItsReasonBeforeAnyWork)
+{
+    TempDir dir;
+    const fs::path source = copyMovie(kNewerFull, dir / "source.mp4"), out = dir / "out.mp4";
+    fs::create_directory(dir / "folder");
+    Bytes damaged = readFile(source);
+    const BoxAt moov = *findOne(damaged, "moov");
+    put32be(damaged.data() + moov.start, uint32_t(damaged.size())); // runs past the end of the file
+    writeFile(dir / "damaged.mp4", damaged);
+    const std::string src = q(source);
+    const std::pair<std::string, std::string> cases[] = {
+        {"-ss:5 " + src + " " + q(out), "-ss:5 keeps nothing: the movie is 2.00 s long.\n"},
+        {"-ss:2 -to:1 " + src + " " + q(out), "-ss:2 -to:1 keeps nothing: the range ends where or before it starts"},
+        {"-to:0 " + src + " " + q(out), "-ss:0 -to:0 keeps nothing"},
+        {"-vb:8Mb " + src + " " + q(out), "-vb:8Mb is not a bit rate: give a positive number of bits per second"},
+        {"-vb:500 " + src + " " + q(out), "-vb:500: the encoder takes at least 1000 bits per second.\n"},
+        {"-vw:100000 " + src + " " + q(out), "-vw:100000: the encoders take frames at most 16384 wide.\n"},
+        {src + " " + q(dir / "folder") + "/", "output " + (dir / "folder").string() + "/: Is a directory\n"},
+        {q(dir / "damaged.mp4") + " " + q(out), ": damaged movie box: it runs past the end of the file\n"},
+    };
+    for (const auto& [words, line] : cases) {
+        SCOPED_TRACE(words);
+        std::string text;
+        EXPECT_EQ(run(resize() + " " + words, &text), 1);
+        EXPECT_NE(text.find(line), std::string::npos) << text;
+        EXPECT_NE(text.find("usage: Resize.osx"), std::string::npos) << text;
+        EXPECT_EQ(text.find("processing"), std::string::npos) << "work began\n" << text;
+        EXPECT_FALSE(fs::exists(out));
+        EXPECT_EQ(leftovers(dir.path()), "");
+    }
+    // A thumbnail that cannot be written is said before the work, which
+    // goes on.
+    std::string text;
+    EXPECT_EQ(run(resize() + " -thumb:" + q(dir / "nofolder" / "t.jpg") + " " + src + " " + q(out), &text), 0) << text;
+    const size_t said = text.find("writing " + (dir / "nofolder" / "t.jpg").string() + " failed: No such file or directory\n");
+    EXPECT_LT(said, text.find("processing meta")) << text;
 }
 
 } // namespace

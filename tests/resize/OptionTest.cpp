@@ -7,6 +7,7 @@
 #include "Tools.h"
 
 #include <gtest/gtest.h>
+#include <regex>
 
 using namespace testsupport;
 
@@ -46,7 +47,10 @@ TEST(Option, ValuesAndWhatMakesARunReEncode)
     EXPECT_EQ(o.reEncode, 1);
     // Codec and thumbnail options alone re-encode nothing.
     EXPECT_EQ(Parse({"-h264", "-thumb:x.jpg", "/x"}).option.reEncode, 0);
-    EXPECT_EQ(Parse({"-vw:1", "/x"}).option.videoWidth, 4);
+    EXPECT_EQ(Parse({"-vw:1", "/x"}).option.videoWidth, -1); // below 2: the source's width
+    EXPECT_EQ(Parse({"-vw:2", "-vb:8M", "-ab:96k", "/x"}).option.videoWidth, 4);
+    EXPECT_EQ(Parse({"-vb:8M", "-ab:96k", "/x"}).option.videoBitRate, 8000000u);
+    EXPECT_EQ(Parse({"-vb:8M", "-ab:96k", "/x"}).option.audioBitRate, 96000u);
 }
 
 // Every model of the line probes to its code, and only the newer ones take
@@ -68,13 +72,22 @@ TEST(Option, EachCameraModelProbesToItsCodeAndTheSourceGivesTheDefaults)
         EXPECT_EQ(p.option.probe.cameraVersion, m.code);
         EXPECT_EQ(CameraModel::isNewer(p.option.probe.cameraVersion), m.newer) << m.suffix;
     }
+    // The bit rate of the table for the size and frame rate, but never more
+    // than the source's own.
+    auto rates = [](const std::string& printed) {
+        std::smatch m;
+        EXPECT_TRUE(std::regex_search(printed, m, std::regex(R"(source video bitrate: (\d+)\n[^]*output video bitrate: (\d+)\n)")));
+        return m.size() == 3 ? std::make_pair(std::stoul(m[1]), std::stoul(m[2])) : std::make_pair(0ul, 0ul);
+    };
     Parse newer({sharedMovie("--model newer").string()});
     for (const char* line : {"H.264 detected.\n", "key-frame interval: 30\n",
-                             "detect default bitrate: 960/30.00fps, videoQuality:1, hevc:0\n", "output video bitrate: 8000000\n"})
+                             "detect default bitrate: 960/30.00fps, videoQuality:1, hevc:0\n"})
         EXPECT_NE(newer.printed.find(line), std::string::npos) << line << " in\n" << newer.printed;
+    EXPECT_EQ(rates(newer.printed).second, std::min(8000000ul, rates(newer.printed).first));
     Parse hevc({"-vw:9", sharedMovie("--model older --codec h265 --fps 25").string()});
-    for (const char* line : {"H.265/HEVC detected(hvc1).\n", "key-frame interval: 15\n", "output video bitrate: 3000000\n"})
+    for (const char* line : {"H.265/HEVC detected(hvc1).\n", "key-frame interval: 15\n"})
         EXPECT_NE(hevc.printed.find(line), std::string::npos) << line << " in\n" << hevc.printed;
+    EXPECT_EQ(rates(hevc.printed).second, std::min(3000000ul, rates(hevc.printed).first));
     EXPECT_EQ(hevc.option.codec, 2);
     EXPECT_EQ(hevc.option.videoWidth, 32); // libx265's smallest frame is 32 x 16
 }

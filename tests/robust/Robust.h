@@ -40,7 +40,7 @@ inline Outcome runChecked(const std::string& options, const fs::path& source, co
     EXPECT_EQ(leftovers(source.parent_path()), "") << o.output;
     if (o.status == 1) {
         EXPECT_FALSE(fs::is_regular_file(out)) << "a failed run left its output\n" << o.output;
-        static const std::regex said("failed|: not an MP4 movie|: Is a directory");
+        static const std::regex said("failed|: not an MP4 movie|: Is a directory|: damaged movie box");
         EXPECT_TRUE(std::regex_search(o.output, said)) << "no line says what failed\n" << o.output;
     }
     return o;

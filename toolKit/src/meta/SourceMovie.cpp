@@ -35,6 +35,14 @@ bool SourceMovie::open(const std::wstring& path, std::wstring& problem)
         problem = !top.empty() && top.front()->is("ftyp") ? L"not an MP4 movie (no moov box)" : L"not an MP4 movie";
         return false;
     }
+    if (!container.moov->whole()) {
+        problem = L"damaged movie box: it runs past the end of the file";
+        return false;
+    }
+    if (container.videoTrack == nullptr) {
+        problem = L"damaged movie box: no video track can be read";
+        return false;
+    }
     metadata.read(container);
     newerCamera = CameraModel::isNewer(metadata.modelCode);
     readStreams();

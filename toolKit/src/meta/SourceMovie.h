@@ -13,8 +13,8 @@ class SourceMovie {
 public:
     // Opens and reads the movie. False, with the reason as a user reads it
     // in `problem` ("No such file or directory", "Is a directory", "not an
-    // MP4 movie", "not an MP4 movie (no moov box)"), when it cannot be
-    // converted.
+    // MP4 movie", "not an MP4 movie (no moov box)", "damaged movie box: ..."),
+    // when it cannot be converted.
     bool open(const std::wstring& path, std::wstring& problem);
 
     const std::wstring& path() const { return container.path; }
