@@ -299,7 +299,7 @@ int main(int argc, char** argv)
     section(L"box tree");
     container.dump();
 
-    if (movie)
+    if (movie || container.moov != nullptr)
         showProbe(source);
     const SourceMetadata& found = source.metadata;
     showMakerNote(found);

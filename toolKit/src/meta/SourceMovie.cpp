@@ -35,18 +35,15 @@ bool SourceMovie::open(const std::wstring& path, std::wstring& problem)
         problem = !top.empty() && top.front()->is("ftyp") ? L"not an MP4 movie (no moov box)" : L"not an MP4 movie";
         return false;
     }
-    if (!container.moov->whole()) {
-        problem = L"damaged movie box: it runs past the end of the file";
-        return false;
-    }
-    if (container.videoTrack == nullptr) {
-        problem = L"damaged movie box: no video track can be read";
-        return false;
-    }
+    // What can be read is read, also from a movie that is refused.
     metadata.read(container);
     newerCamera = CameraModel::isNewer(metadata.modelCode);
     readStreams();
-    return true;
+    if (!container.moov->whole())
+        problem = L"damaged movie box: it runs past the end of the file";
+    else if (container.videoTrack == nullptr)
+        problem = L"damaged movie box: no video track can be read";
+    return problem.empty();
 }
 
 void SourceMovie::readStreams()
