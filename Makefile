@@ -3,6 +3,9 @@
 #   make test  installs what is missing, builds, runs every test through CTest
 #   make test-sanitize  the same with AddressSanitizer and UndefinedBehaviorSanitizer
 #                       (build dir build-sanitize)
+#   make install  installs the commands and their man pages under PREFIX
+#                 (default /usr/local), staged under DESTDIR when given
+#   make deb   builds a Debian package of them (CPack), in the build folder
 #   make fuzz  builds the libFuzzer harnesses with clang (build-fuzz) and runs
 #              each for FUZZ_SECONDS seconds (default 60)
 
@@ -10,7 +13,8 @@ PACKAGES := cmake g++ make pkg-config python3 \
 	libgtest-dev libbenchmark-dev \
 	libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev \
 	libturbojpeg0-dev ffmpeg libimage-exiftool-perl \
-	parallel rsync openssh-client
+	parallel rsync openssh-client \
+	help2man dpkg-dev
 # Only the fuzzing harnesses need these.
 FUZZ_PACKAGES := clang libclang-rt-14-dev
 BUILD    ?= build
@@ -23,7 +27,11 @@ FUZZ_SECONDS ?= 60
 # Harnesses to run (all when empty): boxtree makernote avcc sensor xml options
 FUZZ_HARNESSES ?=
 
-.PHONY: setup build run test sample clean test-sanitize fuzz
+# Where make install puts the commands and their man pages; DESTDIR, when
+# given, is put in front (a staging root).
+PREFIX   ?= /usr/local
+
+.PHONY: setup build run test sample clean test-sanitize fuzz install deb
 
 # Installs the Debian packages of the list $(1) that are missing.
 define install_missing
@@ -54,6 +62,13 @@ run: build sample
 
 test: build sample
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS)
+
+install: build
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)"
+
+# The Debian package, in $(BUILD): resize_VERSION_amd64.deb.
+deb: build
+	cd $(BUILD) && cpack -G DEB
 
 # Optimised lightly, with line tables for the reports: quick to build.
 # Leaks inside the third-party libraries are suppressed; ours are not.
