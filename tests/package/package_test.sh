@@ -34,5 +34,5 @@ grep -q -- "-vw:W" "$tmp/said" || fail "Resize --help lists no -vw:"
 "$bin/Inspect" "$tmp/out.mp4" >/dev/null 2>&1 || fail "Inspect from the package does not read the output"
 "$bin/resize-batch" --help >"$tmp/said" 2>&1 || fail "resize-batch --help from the package"
 grep -q -- "-vw:" "$tmp/said" || fail "resize-batch --help does not list the options of the unpacked Resize"
-grep -q "thumb:FILE" "$tmp/root/usr/share/man/man1/Resize.1" || fail "the man page of Resize lacks -thumb:"
+grep -q "thumb.*:FILE.jpg" "$tmp/root/usr/share/man/man1/Resize.1" || fail "the man page of Resize lacks -thumb:"
 exit $((failures > 0))
