@@ -247,7 +247,9 @@ void BM_LoadRaw_Hour100HzUnfiltered(benchmark::State& state)
         Quiet quiet;
         for (auto _ : state) {
             AccelSensorStreamEmbed embed;
-            GLTK::FileIO::open(files().raw.wstring(), [&](GLTK::FileIO& f) { ok = embed.load(0, f, false) && ok; });
+            const std::wstring path = files().raw.wstring();
+            GLTK::FileIO f(path, 'r');
+            ok = f.isOpen() && embed.load(0, f, false) && ok;
             benchmark::DoNotOptimize(embed.getSamples().data());
         }
     }

@@ -14,8 +14,6 @@
 
 namespace GLTK {
 
-bool FileIO_show_process_file_name = false;
-
 std::string FileIO::toNative(const std::wstring& path)
 {
     return wchar::narrow(path);
@@ -168,24 +166,6 @@ uint64_t FileIO::copyTo(FileIO& destination, uint64_t count)
         left -= got;
     }
     return total;
-}
-
-static bool openWith(const std::wstring& path, int mode, const std::function<void(FileIO&)>& action)
-{
-    if (!action)
-        throw std::bad_function_call();
-    FileIO file(path, mode);
-    if (!file.isOpen())
-        return false;
-    if (FileIO_show_process_file_name)
-        Console::out(L"processing %ls ...\n", path.c_str());
-    action(file);
-    return true;
-}
-
-bool FileIO::open(const std::wstring& path, const std::function<void(FileIO&)>& action)
-{
-    return openWith(path, 'r', action);
 }
 
 bool FileIO::rename(const std::wstring& from, const std::wstring& to)

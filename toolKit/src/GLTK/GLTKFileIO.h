@@ -1,13 +1,10 @@
 #pragma once
-// A file with a tracked position, opened for the span of one action.
+// A file with a tracked position, open for the life of the object.
 #include <cstdint>
 #include <functional>
 #include <string>
 
 namespace GLTK {
-
-// When true, every successful open prints "processing <path> ...".
-extern bool FileIO_show_process_file_name;
 
 class FileIO {
 public:
@@ -31,7 +28,6 @@ public:
     // position; returns the number of bytes written.
     uint64_t copyTo(FileIO& destination, uint64_t count);
 
-    static bool open(const std::wstring& path, const std::function<void(FileIO&)>& action);
     static bool rename(const std::wstring& from, const std::wstring& to);
     static bool unlink(const std::wstring& path);
     // Both paths name one file (links and other spellings included), or the
