@@ -4,8 +4,6 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
-#include <mutex>
-#include <sys/stat.h>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -23,43 +21,6 @@ using GLTK::platformLog;
 namespace {
 
 enum OpenResult { Opened, OpenFailed, NoTrack, DecoderFailed };
-
-// The first frame of the file decoded last. A run asks for the same first
-// frame more than once (the source probe, the transcoder, the maker
-// thumbnail of a metadata-only conversion); it is decoded once. The file is
-// known by its identity, size and change time, so a rewritten file is
-// decoded afresh.
-class FirstFrameCache {
-public:
-    ~FirstFrameCache() { av_frame_free(&frame); }
-    // A new reference to the cached frame of the file, or null.
-    AVFrame* find(const std::string& url)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        struct stat st;
-        if (frame == nullptr || ::stat(url.c_str(), &st) != 0 || !same(st))
-            return nullptr;
-        return av_frame_clone(frame);
-    }
-    void keep(const std::string& url, const AVFrame* decoded)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        av_frame_free(&frame);
-        if (::stat(url.c_str(), &file) == 0)
-            frame = av_frame_clone(decoded);
-    }
-
-private:
-    bool same(const struct stat& st) const
-    {
-        return st.st_dev == file.st_dev && st.st_ino == file.st_ino && st.st_size == file.st_size &&
-               st.st_ctim.tv_sec == file.st_ctim.tv_sec && st.st_ctim.tv_nsec == file.st_ctim.tv_nsec;
-    }
-    std::mutex mutex;
-    struct stat file {};
-    AVFrame* frame = nullptr;
-};
-FirstFrameCache firstFrames;
 
 // The FFmpeg layout and range for one of our pixel-format codes.
 bool outputFormat(uint32_t type, AVPixelFormat& format, bool& fullRange)
@@ -217,9 +178,16 @@ struct GLTKVideoReader::Track {
         avformat_close_input(&fmt);
     }
 
-    // Opens the first stream of the type (cover pictures aside). threadType 0
-    // decodes on the calling thread only.
+    // Opens the first stream of the type (cover pictures aside) and its
+    // decoder. threadType 0 decodes on the calling thread only.
     OpenResult open(const std::string& url, AVMediaType type, int threadType)
+    {
+        OpenResult r = openStream(url, type);
+        return r == Opened ? openDecoder(threadType) : r;
+    }
+
+    // Reads the movie's header and picks the stream; nothing is decoded.
+    OpenResult openStream(const std::string& url, AVMediaType type)
     {
         GLTK::quietFFmpegLog();
         int ret = avformat_open_input(&fmt, url.c_str(), nullptr, nullptr);
@@ -235,8 +203,11 @@ struct GLTKVideoReader::Track {
             else
                 st->discard = AVDISCARD_ALL;
         }
-        if (stream == nullptr)
-            return NoTrack;
+        return stream != nullptr ? Opened : NoTrack;
+    }
+
+    OpenResult openDecoder(int threadType)
+    {
         const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);
         if (codec == nullptr) {
             error = std::string("no decoder for ") + avcodec_get_name(stream->codecpar->codec_id);
@@ -249,12 +220,13 @@ struct GLTKVideoReader::Track {
             error = "out of memory";
             return DecoderFailed;
         }
-        if ((ret = avcodec_parameters_to_context(dec, stream->codecpar)) < 0) {
+        int ret = avcodec_parameters_to_context(dec, stream->codecpar);
+        if (ret < 0) {
             error = GLTK::avErrorText(ret);
             return DecoderFailed;
         }
         dec->pkt_timebase = stream->time_base;
-        if (type == AVMEDIA_TYPE_VIDEO) {
+        if (stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
             dec->thread_count = threadType != 0 ? 0 : 1; // 0: as many as the machine has
             dec->thread_type = threadType != 0 ? threadType : FF_THREAD_SLICE;
         }
@@ -305,6 +277,37 @@ struct GLTKVideoReader::Track {
             av_packet_unref(pkt);
             if (ret < 0 && ret != AVERROR(EAGAIN))
                 return ret;
+        }
+    }
+
+    // The first frame of the track, decoded from as few packets as it
+    // takes: a decoder that reorders frames holds a picture back until the
+    // pictures after it have come, so after each packet the decoder is
+    // drained. A movie begins with a key frame, which needs no other, and
+    // comes out of its own packet. 1, 0 or < 0 as decodeNext.
+    int decodeFirst()
+    {
+        for (;;) {
+            int ret = av_read_frame(fmt, pkt);
+            if (ret == AVERROR_EOF)
+                return 0;
+            if (ret < 0)
+                return ret;
+            if (pkt->stream_index != stream->index) {
+                av_packet_unref(pkt);
+                continue;
+            }
+            ret = avcodec_send_packet(dec, pkt);
+            av_packet_unref(pkt);
+            if (ret < 0 && ret != AVERROR(EAGAIN) && ret != AVERROR_INVALIDDATA)
+                return ret;
+            avcodec_send_packet(dec, nullptr);
+            ret = avcodec_receive_frame(dec, frame);
+            if (ret >= 0)
+                return 1;
+            if (ret != AVERROR_EOF && ret != AVERROR(EAGAIN))
+                return ret;
+            avcodec_flush_buffers(dec); // nothing yet: take the next packet
         }
     }
 
@@ -448,17 +451,13 @@ bool GLTKVideoReader::describeSource(const std::string& url, GLTK::Size& size, M
     if (audioSampleRate != nullptr)
         *audioSampleRate = 0;
     Track track;
-    OpenResult r = track.open(url, AVMEDIA_TYPE_VIDEO, 0);
+    OpenResult r = track.openStream(url, AVMEDIA_TYPE_VIDEO);
     if (r == OpenFailed) {
         platformLog("%s: Failed to open %s.", method, url.c_str());
         return false;
     }
     if (r == NoTrack) {
         platformLog("%s: No video tracks found - %s", method, url.c_str());
-        return false;
-    }
-    if (r == DecoderFailed) {
-        platformLog("%s: %s", method, track.error.c_str());
         return false;
     }
     int64_t d = track.fmt->duration;
@@ -480,18 +479,23 @@ bool GLTKVideoReader::describeSource(const std::string& url, GLTK::Size& size, M
             }
         }
     }
-    if (AVFrame* known = firstFrames.find(url)) {
-        size = {known->width, known->height};
-        av_frame_free(&known);
+    // The sample entry gives the size of the pictures, cropped as they are
+    // shown; only a stream that leaves it out has its first frame decoded.
+    const AVCodecParameters* par = track.stream->codecpar;
+    if (par->width > 0 && par->height > 0) {
+        size = {par->width, par->height};
         return true;
     }
-    int ret = track.decodeNext();
+    if (track.openDecoder(0) != Opened) {
+        platformLog("%s: %s", method, track.error.c_str());
+        return false;
+    }
+    int ret = track.decodeFirst();
     if (ret <= 0) {
         platformLog("%s: Failed to decode the first frame of %s - %s", method, url.c_str(),
                     ret < 0 ? GLTK::avErrorText(ret).c_str() : "no frame");
         return false;
     }
-    firstFrames.keep(url, track.frame);
     size = {track.frame->width, track.frame->height};
     return true;
 }
@@ -513,18 +517,14 @@ std::unique_ptr<GLTK::VideoFrame> GLTKVideoReader::copyFirstFrame(const std::str
     bool fullRange;
     if (!outputFormat(pixelFormatType, format, fullRange))
         return nullptr;
-    AVFrame* first = firstFrames.find(url);
+    // One frame on one thread: a decoder with frame threads would decode
+    // several frames before it handed out the first.
     Track track;
-    if (first == nullptr) {
-        if (track.open(url, AVMEDIA_TYPE_VIDEO, 0) != Opened || track.decodeNext() <= 0)
-            return nullptr;
-        firstFrames.keep(url, track.frame);
-    }
-    const AVFrame* decoded = first != nullptr ? first : track.frame;
-    GLTK::Size size = fitSize({decoded->width, decoded->height}, maximumSize);
+    if (track.open(url, AVMEDIA_TYPE_VIDEO, 0) != Opened || track.decodeFirst() <= 0)
+        return nullptr;
+    GLTK::Size size = fitSize({track.frame->width, track.frame->height}, maximumSize);
     Scaler scaler;
-    AVFrame* frame = scaler.scale(decoded, size.width, size.height, format, fullRange);
-    av_frame_free(&first);
+    AVFrame* frame = scaler.scale(track.frame, size.width, size.height, format, fullRange);
     if (frame == nullptr)
         return nullptr;
     return std::make_unique<GLTK::VideoFrame>(frame);

@@ -31,12 +31,14 @@ public:
     GLTKVideoReader(const GLTKVideoReader&) = delete;
     GLTKVideoReader& operator=(const GLTKVideoReader&) = delete;
 
-    // Describes a movie without decoding it all: size = pixel size of the
-    // first decoded frame of the first video track (not the declared size);
-    // duration = the movie's duration (timescale 1000000); nominalFrameRate =
-    // that track's average frame rate (else its base rate); audioSampleRate
-    // (when given) = the first audio track's rate, 0 without audio. Fails
-    // with a log line when the movie cannot be opened or has no video track.
+    // Describes a movie from its header, decoding nothing: size = the
+    // picture size of the first video track's sample entry (as the decoder
+    // will deliver it, not the track header's display size; only when the
+    // entry has none is the first frame decoded); duration = the movie's
+    // duration (timescale 1000000); nominalFrameRate = that track's average
+    // frame rate (else its base rate); audioSampleRate (when given) = the
+    // first audio track's rate, 0 without audio. Fails with a log line when
+    // the movie cannot be opened or has no video track.
     static bool describeSource(const std::string& url, GLTK::Size& size, GLTK::MediaTime& duration,
                                float& nominalFrameRate, float* audioSampleRate);
     // The same, and the reader's audio sample rate becomes the detected one.
@@ -45,7 +47,8 @@ public:
 
     // The first decoded frame of the first video track, in the given pixel
     // format, scaled down to fit maximumSize keeping its aspect ratio (never
-    // enlarged; 0 x 0 = full size). Null on failure, without a message.
+    // enlarged; 0 x 0 = full size). Decodes that one frame on the calling
+    // thread. Null on failure, without a message.
     static std::unique_ptr<GLTK::VideoFrame> copyFirstFrame(const std::string& url, GLTK::Size maximumSize,
                                                             uint32_t pixelFormatType);
 
