@@ -1,7 +1,10 @@
 #pragma once
-// The forms of Inspect's report, on standard output; the problems are said
-// on standard error by the caller.
+// The two forms of Inspect's report: text for a person (the default) and one
+// JSON document for scripts. Both go to standard output; the problems are
+// said on standard error by the caller.
 #include "InspectReport.h"
+
+#include <string>
 
 namespace Inspect {
 
@@ -10,5 +13,9 @@ namespace Inspect {
 // sensor streams with the orientation decided from them, and the spatial
 // audio. For a movie only.
 void printText(const Report& report);
+
+// The whole report as one JSON document, ending in a line end; for a file
+// that is not a movie, the file and the reason.
+std::string jsonDocument(const Report& report);
 
 } // namespace Inspect

@@ -1,10 +1,13 @@
 // The Inspect command on hand-made and synthetic camera movies and on files
-// that are not movies: exit status and the lines a user reads.
+// that are not movies: exit status, the lines a user reads, and the JSON
+// document read back by Python's own parser.
 #include "BoxBytes.h"
 #include "Movies.h"
 #include "SensorBoxBytes.h"
 
 #include <gtest/gtest.h>
+
+#include <sstream>
 
 using namespace testsupport;
 
@@ -26,6 +29,30 @@ void expectLines(const std::string& out, std::initializer_list<std::string> line
 {
     for (const std::string& line : lines)
         EXPECT_NE(out.find(line), std::string::npos) << line << " in\n" << out;
+}
+
+// Runs Inspect --json on the file, standard output alone into a file, and
+// checks its status and, as Python reads the document, each path's value.
+void expectJson(const fs::path& file, int status, const std::vector<std::pair<std::string, std::string>>& values)
+{
+    TempDir dir;
+    std::string paths, got, want, out;
+    EXPECT_EQ(inspect("--json " + q(file), out, "2>/dev/null >" + q(dir / "out.json")), status) << file;
+    for (const auto& [path, value] : values) {
+        paths += " " + path;
+        want += path + " = " + value + "\n";
+    }
+    ASSERT_EQ(run("python3 " + q(sourceDir() / "tests/inspect/json_values.py") + paths + " <" + q(dir / "out.json"),
+                  &out),
+              0)
+        << out;
+    std::istringstream lines(out);
+    for (const auto& [path, value] : values) {
+        std::string line;
+        std::getline(lines, line);
+        got += path + " = " + line + "\n";
+    }
+    EXPECT_EQ(got, want) << file;
 }
 
 TEST(Inspect, HandMadeMoviesShowTheirBoxesPositionAndSensorStreams)
@@ -87,6 +114,59 @@ TEST(Inspect, LittleEndianCameraMovieShowsMakerNoteViewAndEveryStream)
         EXPECT_EQ(out.find(failure), std::string::npos) << failure << " in\n" << out;
 }
 
+// Scripts get one document on standard output, whatever the file: a whole
+// movie (status 0), one cut short before its movie box (2, its problems
+// listed, what there is still shown) and a file that is no movie (1).
+TEST(Inspect, JsonDocumentForWholeCutAndNonMovies)
+{
+    const fs::path whole = sharedMovie(kLittleEndianCamera);
+    expectJson(whole, 0,
+               {{"status", "\"whole\""}, {"problems", "[]"},
+                {"camera.model", "\"NARVI ORVEX C1\""}, {"camera.code", "\"0x20001\""},
+                {"camera.generation", "\"newer\""},
+                {"tracks.0.codec", "\"avc1\""}, {"tracks.0.width", "960"}, {"tracks.0.height", "480"},
+                {"tracks.0.frameRate", "30.0"}, {"tracks.0.samples", "60"}, {"tracks.0.duration", "2.0"},
+                {"tracks.1.handler", "\"soun\""}, {"tracks.1.frameRate", "null"},
+                // The maker note's values as the fixture wrote them, little-endian.
+                {"makerNote.state", "\"read\""}, {"makerNote.byteOrder", "\"little-endian\""},
+                {"makerNote.model", "\"NARVI ORVEX C1\""}, {"makerNote.projectionType", "0"},
+                {"makerNote.zenith", "{\"roll\": 1.5, \"pitch\": -2.25}"}, {"makerNote.compass", "123.4"},
+                {"makerNote.heading", "123.4"}, {"makerNote.sphereAdjZenith", "1"},
+                {"makerNote.adjRollingShutter", "0"},
+                {"makerNote.videoStabilization",
+                 "{\"value\": 13, \"yawCorrection\": true, \"lockedDirection\": true, \"imageStabilization\": true}"},
+                {"makerNote.stitching.imageCentre", "[1920, 1440]"},
+                {"gps.latitude", "35.6586"}, {"gps.longitude", "139.7454"}, {"gps.direction", "123.4"},
+                {"spherical.v1.heading", "30.0"}, {"spherical.v1.pitch", "null"}, {"spherical.v2", "null"},
+                {"sensorStreams.2.type", "\"QDTD\""}, {"sensorStreams.2.records", "60"},
+                {"sensorStreams.2.rate", "30"}, {"sensorStreams.2.byteOrder", "\"big-endian\""},
+                {"sensorStreams.2.firstTime", "4000000"}, {"sensorStreams.2.lastTime", "5966667"},
+                {"spatialAudio.track.samples", "96000"}, {"spatialAudio.pointer", "true"},
+                {"boxes.2.type", "\"mdat\""}, {"boxes.2.start", "40"}});
+
+    TempDir dir;
+    Bytes bytes = readFile(whole);
+    bytes.resize(bytes.size() / 4); // inside the media data, before moov
+    writeFile(dir / "cut.mp4", bytes);
+    const std::string cutAt = std::to_string(bytes.size());
+    expectJson(dir / "cut.mp4", 2,
+               {{"status", "\"problems\""},
+                {"problems.0", "\"no movie box (moov): the file ends at " + cutAt +
+                                   " bytes without one, most likely cut short before the camera wrote it\""},
+                {"problems.1", "\"mdat at 40 (464720 bytes) runs past the end of the file at " + cutAt + "\""},
+                {"problems.2", "missing"}, {"camera.model", "null"}, {"makerNote.state", "\"missing\""},
+                {"tracks", "[]"}, {"boxes.2.size", "464720"}});
+    std::string out;
+    EXPECT_EQ(inspect(q(dir / "cut.mp4"), out, ">/dev/null"), 2); // the text form warns alike
+    expectLines(out, {"cut.mp4: warning: mdat at 40 (464720 bytes) runs past the end of the file"});
+
+    writeFile(dir / "notes.txt", text("hello, this is not a movie at all\n"));
+    expectJson(dir / "notes.txt", 1,
+               {{"status", "\"not a movie\""}, {"error", "\"not an MP4 movie\""}, {"size", "34"},
+                {"boxes", "missing"}});
+    expectJson(dir / "missing.mp4", 1, {{"error", "\"No such file or directory\""}, {"size", "null"}});
+}
+
 TEST(Inspect, RefusesWhatIsNotAMovieOnStandardError)
 {
     TempDir dir;
@@ -110,7 +190,7 @@ TEST(Inspect, RefusesWhatIsNotAMovieOnStandardError)
     expectLines(out, {"no sensor streams.\n", "ftyp-only.mp4: warning: no movie box (moov)"});
 
     EXPECT_EQ(inspect("", out, "2>&1 >/dev/null"), 1);
-    expectLines(out, {"Inspect: no file named\n", "Usage: Inspect FILE"});
+    expectLines(out, {"Inspect: no file named\n", "Usage: Inspect [--json] FILE"});
     EXPECT_EQ(inspect("--xml movie.mp4", out, "2>&1 >/dev/null"), 1);
     expectLines(out, {"Inspect: unknown option --xml\n"});
 
@@ -118,7 +198,8 @@ TEST(Inspect, RefusesWhatIsNotAMovieOnStandardError)
     for (const char* help : {"--help", "-h"}) {
         EXPECT_EQ(inspect(help, out, "2>/dev/null"), 0);
         EXPECT_TRUE(out.starts_with("Inspect - ")) << out;
-        expectLines(out, {"\nUsage: Inspect FILE\n", "\n  -h, --help ", "e.g. Inspect --help"});
+        expectLines(out,
+                    {"\nUsage: Inspect [--json] FILE\n", "\n  --json ", "\n  -h, --help ", "e.g. Inspect --json "});
     }
 }
 
