@@ -242,9 +242,12 @@ void ExifParser::popCursor()
 
 uint32_t ExifParser::toUINT16(uint32_t value) const
 {
-    if (!bigEndian)
-        throw "bigEndian reqired.";
-    return value >> 16;
+    return shortOf(value, bigEndian);
+}
+
+uint32_t ExifParser::secondUINT16(uint32_t value) const
+{
+    return bigEndian ? value & 0xFFFF : value >> 16;
 }
 
 void ExifParser::toString(uint16_t type, uint32_t count, uint32_t value, std::string& out) const
@@ -448,13 +451,13 @@ void ExifParser::readOREVX(ORVEX& out)
         if (type != TYPE_SHORT || count != 2)
             throw "Invalid entry for StitchingFishImgCenter(0x0204): SHORT[2] required.";
         out.stitchingFishImgCenter[0] = toUINT16(value);
-        out.stitchingFishImgCenter[1] = value & 0xFFFF;
+        out.stitchingFishImgCenter[1] = secondUINT16(value);
     });
     lookup(orvex, 0x0205, [&](uint16_t, uint16_t type, uint32_t count, uint32_t value) {
         if (type != TYPE_SHORT || count != 2)
             throw "Invalid entry for StitchingFishMovCenter(0x0205): SHORT[2] required.";
         out.stitchingFishMovCenter[0] = toUINT16(value);
-        out.stitchingFishMovCenter[1] = value & 0xFFFF;
+        out.stitchingFishMovCenter[1] = secondUINT16(value);
     });
     lookup(orvex, 0x0206, [&](uint16_t, uint16_t type, uint32_t count, uint32_t value) {
         if (type != TYPE_RATIONAL || count != 1)

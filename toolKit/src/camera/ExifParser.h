@@ -100,8 +100,12 @@ public:
     void pushCursor(size_t pos);
     void popCursor();
 
-    // The SHORT held in a value field (big-endian data only).
+    // The SHORT held in a value field read by read32: the field's first two
+    // bytes, in the note's own byte order ("MM" or "II"), so that a
+    // little-endian note reads as the camera wrote it.
     uint32_t toUINT16(uint32_t value) const;
+    // The second SHORT of a SHORT[2] value field (its last two bytes).
+    uint32_t secondUINT16(uint32_t value) const;
     // ASCII or UNDEFINED text of more than 4 bytes, read at its offset.
     void toString(uint16_t type, uint32_t count, uint32_t value, std::string& out) const;
 
