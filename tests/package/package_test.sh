@@ -18,7 +18,7 @@ fail() {
 deb=$(ls "$tmp"/pkg/*.deb)
 dpkg-deb -x "$deb" "$tmp/root" || exit 1
 for f in usr/bin/Resize usr/bin/Inspect usr/bin/resize-batch usr/libexec/resize/Resize \
-    usr/share/man/man1/Resize.1 usr/share/man/man1/resize-batch.1; do
+    usr/share/man/man1/Resize.1 usr/share/man/man1/resize-batch.1 usr/share/man/man1/Inspect.1; do
     [ -e "$tmp/root/$f" ] || fail "the package lacks $f"
 done
 depends=$(dpkg-deb -f "$deb" Depends)
@@ -31,7 +31,7 @@ python3 "$src/tests/fixtures/make_movie.py" --duration 0.5 --size 256x128 --out 
 "$bin/Resize" --help >"$tmp/said" 2>&1 || fail "Resize --help from the package"
 grep -q -- "-vw:W" "$tmp/said" || fail "Resize --help lists no -vw:"
 "$bin/Resize" -vw:128 "$tmp/m.mp4" "$tmp/out.mp4" >"$tmp/said" 2>&1 || { cat "$tmp/said"; fail "a re-encode with the unpacked Resize"; }
-"$bin/Inspect" "$tmp/out.mp4" >/dev/null 2>&1 || fail "Inspect from the package does not read the output"
+"$bin/Inspect" --json "$tmp/out.mp4" >/dev/null 2>&1 || fail "Inspect from the package does not find the output whole"
 "$bin/resize-batch" --help >"$tmp/said" 2>&1 || fail "resize-batch --help from the package"
 grep -q -- "-vw:" "$tmp/said" || fail "resize-batch --help does not list the options of the unpacked Resize"
 grep -q "thumb.*:FILE.jpg" "$tmp/root/usr/share/man/man1/Resize.1" || fail "the man page of Resize lacks -thumb:"
