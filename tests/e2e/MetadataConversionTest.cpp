@@ -101,6 +101,8 @@ void expectSound(const Conversion& r)
     EXPECT_EQ(probe(r.output, "v:0", "stream_side_data=projection"), "equirectangular");
     EXPECT_TRUE(r.text.ends_with(" [sec]\n")) << r.text;
     EXPECT_EQ(r.text.find("update failed"), std::string::npos) << r.text; // nothing to do is no failure
+    EXPECT_EQ(r.text.find("can't read"), std::string::npos) << r.text;     // notes in either byte order
+    EXPECT_EQ(r.text.find("parse failed"), std::string::npos) << r.text;
     EXPECT_EQ(creationTimes(r.after), creationTimes(r.before));
     expectSphericalV2(r.output);
     expectSourceKept(r);
