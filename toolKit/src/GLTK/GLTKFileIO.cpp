@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 #include <vector>
 
@@ -117,42 +118,84 @@ bool FileIO::seek_cur(int64_t offset)
     return seekTo(descriptor, offset, SEEK_CUR, position, L"seek_cur");
 }
 
+namespace {
+
+// The unit a file system shares between files: copy_file_range clones a
+// range (on XFS, btrfs and other file systems with shared extents) only when
+// both offsets and the length are multiples of it. A value that is no
+// plausible block (a network file system's transfer size, say) falls back to
+// the page size most local file systems use.
+uint64_t blockSizeOf(int descriptor)
+{
+    struct statfs fs {};
+    if (fstatfs(descriptor, &fs) == 0 && fs.f_bsize >= 512 && fs.f_bsize <= (1 << 20) &&
+        (fs.f_bsize & (fs.f_bsize - 1)) == 0)
+        return static_cast<uint64_t>(fs.f_bsize);
+    return 4096;
+}
+
+} // namespace
+
 uint64_t FileIO::copyTo(FileIO& destination, uint64_t count)
+{
+    if (count == 0 || descriptor == 0 || destination.descriptor == 0)
+        return 0;
+    // The range is split at the block boundaries so that its middle can be
+    // shared rather than copied: the bytes up to the first boundary and those
+    // behind the last one go through memory, the whole blocks between to the
+    // kernel in one run. That needs both positions to lie at the same place
+    // within a block; when they do not, nothing can be shared and the kernel
+    // copies the whole range.
+    const uint64_t block = blockSizeOf(destination.descriptor);
+    if (position % block != destination.position % block)
+        return kernelCopy(destination, count);
+    const uint64_t head = std::min(count, (block - position % block) % block);
+    const uint64_t middle = (count - head) / block * block;
+    const uint64_t tail = count - head - middle;
+    uint64_t total = bufferCopy(destination, head);
+    if (total == head)
+        total += kernelCopy(destination, middle);
+    if (total == head + middle)
+        total += bufferCopy(destination, tail);
+    return total;
+}
+
+uint64_t FileIO::kernelCopy(FileIO& destination, uint64_t count)
 {
     if (count == 0)
         return 0;
+    // copy_file_range works on explicit offsets, so both descriptors are
+    // positioned afterwards. It is asked for 64 MiB at a time (a multiple of
+    // any block) so that a stop request is seen between the steps.
     uint64_t total = 0;
-    // First let the kernel copy (no trip through user space, and a shared
-    // extent where the file system offers it). It works on explicit offsets,
-    // so both descriptors are positioned afterwards.
-    if (descriptor != 0 && destination.descriptor != 0) {
-        loff_t in = static_cast<loff_t>(position), out = static_cast<loff_t>(destination.position);
-        bool fallBack = false, failed = false;
-        while (total < count && !cancelRequested()) {
-            size_t want = static_cast<size_t>(std::min<uint64_t>(count - total, 64 << 20));
-            ssize_t r = copy_file_range(descriptor, &in, destination.descriptor, &out, want, 0);
-            if (r < 0 && errno == EINTR)
-                continue;
-            if (r < 0) {
-                // Not offered between these files: copy the rest by hand.
-                fallBack = errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP;
-                failed = !fallBack;
-                break;
-            }
-            if (r == 0)
-                break; // end of the source
-            total += static_cast<uint64_t>(r);
+    loff_t in = static_cast<loff_t>(position), out = static_cast<loff_t>(destination.position);
+    bool fallBack = false;
+    while (total < count && !cancelRequested()) {
+        size_t want = static_cast<size_t>(std::min<uint64_t>(count - total, 64 << 20));
+        ssize_t r = copy_file_range(descriptor, &in, destination.descriptor, &out, want, 0);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r < 0) {
+            // Not offered between these files: copy the rest by hand.
+            fallBack = errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP;
+            break;
         }
-        if (!seek_set(in) || !destination.seek_set(out))
-            return total;
-        if (!fallBack || failed)
-            return total;
+        if (r == 0)
+            break; // end of the source
+        total += static_cast<uint64_t>(r);
     }
+    if (!seek_set(in) || !destination.seek_set(out) || !fallBack)
+        return total;
+    return total + bufferCopy(destination, count - total);
+}
+
+uint64_t FileIO::bufferCopy(FileIO& destination, uint64_t count)
+{
     constexpr uint64_t kBlock = 1 << 20;
-    std::vector<char> buffer(static_cast<size_t>(std::min(count - total, kBlock)));
-    uint64_t left = count - total;
-    while (left > 0 && !cancelRequested()) {
-        uint64_t want = std::min(left, kBlock);
+    uint64_t total = 0;
+    std::vector<char> buffer(static_cast<size_t>(std::min(count, kBlock)));
+    while (total < count && !cancelRequested()) {
+        uint64_t want = std::min(count - total, kBlock);
         uint64_t got = read(buffer.data(), want);
         if (got == 0 || got == UINT64_MAX || got > want)
             break; // end of file or read error: the caller sees the short total
@@ -163,7 +206,6 @@ uint64_t FileIO::copyTo(FileIO& destination, uint64_t count)
             break;
         }
         total += put;
-        left -= got;
     }
     return total;
 }
