@@ -20,6 +20,28 @@ std::string FileIO::toNative(const std::wstring& path)
     return wchar::narrow(path);
 }
 
+namespace {
+
+// Opens a file for writing, made or emptied. A file that is empty already
+// (the temporary file a commit reserved) is not truncated: ext4 takes a
+// truncation to zero for a file being rewritten in place and starts writing
+// all of it to the disk when it is closed, which would make the writer wait
+// for the whole movie's write-back.
+int openEmpty(const std::string& name)
+{
+    const int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    struct stat st;
+    if (fd != -1 && (fstat(fd, &st) != 0 || (st.st_size != 0 && ftruncate(fd, 0) != 0))) {
+        const int error = errno;
+        ::close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
+}
+
+} // namespace
+
 FileIO::FileIO(const std::wstring& p, int m) : path(p), mode(m)
 {
     std::string name = toNative(path);
@@ -27,7 +49,7 @@ FileIO::FileIO(const std::wstring& p, int m) : path(p), mode(m)
     if (mode == 'a')
         fd = ::open(name.c_str(), O_RDWR | O_CLOEXEC);
     else if (mode == 'w')
-        fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        fd = openEmpty(name);
     else
         fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd == -1) {
