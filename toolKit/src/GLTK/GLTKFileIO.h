@@ -31,6 +31,7 @@ public:
     // them without a trip through user space elsewhere.
     uint64_t copyTo(FileIO& destination, uint64_t count);
 
+    // Gives the file at `from` the name `to`, in place of any file there.
     static bool rename(const std::wstring& from, const std::wstring& to);
     static bool unlink(const std::wstring& path);
     // Both paths name one file (links and other spellings included), or the
