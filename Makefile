@@ -14,7 +14,7 @@ PACKAGES := cmake g++ make pkg-config python3 \
 	libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev \
 	libturbojpeg0-dev ffmpeg libimage-exiftool-perl \
 	parallel rsync openssh-client \
-	help2man dpkg-dev nlohmann-json3-dev
+	help2man dpkg-dev nlohmann-json3-dev xfsprogs
 # Only the fuzzing harnesses need these.
 FUZZ_PACKAGES := clang libclang-rt-14-dev
 BUILD    ?= build

@@ -12,6 +12,9 @@
 # and the bytes written (/proc/PID/io), with the ratios to cp.
 #
 #   bench/metadata_vs_cp.sh [BUILD_DIR] [WORK_DIR]    (RUNS=5 by default)
+#
+# MOVIES_ONLY=1 stops once the movies (WORK_DIR/older.mp4, newer.mp4) are
+# there, for benchmarks that measure them elsewhere.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 REPO=$PWD
@@ -54,6 +57,8 @@ make_movie.build(o)
 PY
     fi
 done
+
+[ "${MOVIES_ONLY:-0}" = 1 ] && exit 0
 
 # run NAME CMD...: one measured run, appended to NAME.runs.
 run() {

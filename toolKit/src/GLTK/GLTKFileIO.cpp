@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 #include <vector>
 
@@ -19,6 +21,28 @@ std::string FileIO::toNative(const std::wstring& path)
     return wchar::narrow(path);
 }
 
+namespace {
+
+// Opens a file for writing, made or emptied. A file that is empty already
+// (the temporary file a commit reserved) is not truncated: ext4 takes a
+// truncation to zero for a file being rewritten in place and starts writing
+// all of it to the disk when it is closed, which would make the writer wait
+// for the whole movie's write-back.
+int openEmpty(const std::string& name)
+{
+    const int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    struct stat st;
+    if (fd != -1 && (fstat(fd, &st) != 0 || (st.st_size != 0 && ftruncate(fd, 0) != 0))) {
+        const int error = errno;
+        ::close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
+}
+
+} // namespace
+
 FileIO::FileIO(const std::wstring& p, int m) : path(p), mode(m)
 {
     std::string name = toNative(path);
@@ -26,7 +50,7 @@ FileIO::FileIO(const std::wstring& p, int m) : path(p), mode(m)
     if (mode == 'a')
         fd = ::open(name.c_str(), O_RDWR | O_CLOEXEC);
     else if (mode == 'w')
-        fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        fd = openEmpty(name);
     else
         fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd == -1) {
@@ -117,42 +141,93 @@ bool FileIO::seek_cur(int64_t offset)
     return seekTo(descriptor, offset, SEEK_CUR, position, L"seek_cur");
 }
 
+namespace {
+
+// The unit a file system shares between files: copy_file_range clones a
+// range (on XFS, btrfs and other file systems with shared extents) only when
+// both offsets and the length are multiples of it. A value that is no
+// plausible block (a network file system's transfer size, say) falls back to
+// the page size most local file systems use.
+uint64_t blockSizeOf(int descriptor)
+{
+    struct statfs fs {};
+    if (fstatfs(descriptor, &fs) == 0 && fs.f_bsize >= 512 && fs.f_bsize <= (1 << 20) &&
+        (fs.f_bsize & (fs.f_bsize - 1)) == 0)
+        return static_cast<uint64_t>(fs.f_bsize);
+    return 4096;
+}
+
+} // namespace
+
 uint64_t FileIO::copyTo(FileIO& destination, uint64_t count)
+{
+    if (count == 0 || descriptor == 0 || destination.descriptor == 0)
+        return 0;
+    // The range is split at the block boundaries so that its middle can be
+    // shared rather than copied: the bytes up to the first boundary and those
+    // behind the last one go through memory, the whole blocks between to the
+    // kernel. That needs both positions to lie at the same place within a
+    // block; when they do not, nothing can be shared and the kernel copies
+    // the whole range.
+    const uint64_t block = blockSizeOf(destination.descriptor);
+    const bool shareable = position % block == destination.position % block;
+    const uint64_t head = shareable ? std::min(count, (block - position % block) % block) : 0;
+    const uint64_t middle = shareable ? (count - head) / block * block : count;
+    const uint64_t tail = count - head - middle;
+    // Where the kernel copies, it writes the destination in pieces, and
+    // fills the page cache's large pages only with pieces that start at a
+    // multiple of their size: ext4 took 0.41 s for 1 GiB written from 4 KiB
+    // past a multiple of 64 KiB, 0.28 s from one. So the middle goes in two
+    // runs, the second starting at a multiple of 1 MiB in the destination
+    // (whole blocks either way, so both are shared where the file system can).
+    constexpr uint64_t kRun = 1 << 20;
+    const uint64_t lead = std::min(middle, (kRun - (destination.position + head) % kRun) % kRun);
+    uint64_t total = bufferCopy(destination, head);
+    if (total == head)
+        total += kernelCopy(destination, lead);
+    if (total == head + lead)
+        total += kernelCopy(destination, middle - lead);
+    if (total == head + middle)
+        total += bufferCopy(destination, tail);
+    return total;
+}
+
+uint64_t FileIO::kernelCopy(FileIO& destination, uint64_t count)
 {
     if (count == 0)
         return 0;
+    // copy_file_range works on explicit offsets, so both descriptors are
+    // positioned afterwards. It is asked for 64 MiB at a time (a multiple of
+    // any block) so that a stop request is seen between the steps.
     uint64_t total = 0;
-    // First let the kernel copy (no trip through user space, and a shared
-    // extent where the file system offers it). It works on explicit offsets,
-    // so both descriptors are positioned afterwards.
-    if (descriptor != 0 && destination.descriptor != 0) {
-        loff_t in = static_cast<loff_t>(position), out = static_cast<loff_t>(destination.position);
-        bool fallBack = false, failed = false;
-        while (total < count && !cancelRequested()) {
-            size_t want = static_cast<size_t>(std::min<uint64_t>(count - total, 64 << 20));
-            ssize_t r = copy_file_range(descriptor, &in, destination.descriptor, &out, want, 0);
-            if (r < 0 && errno == EINTR)
-                continue;
-            if (r < 0) {
-                // Not offered between these files: copy the rest by hand.
-                fallBack = errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP;
-                failed = !fallBack;
-                break;
-            }
-            if (r == 0)
-                break; // end of the source
-            total += static_cast<uint64_t>(r);
+    loff_t in = static_cast<loff_t>(position), out = static_cast<loff_t>(destination.position);
+    bool fallBack = false;
+    while (total < count && !cancelRequested()) {
+        size_t want = static_cast<size_t>(std::min<uint64_t>(count - total, 64 << 20));
+        ssize_t r = copy_file_range(descriptor, &in, destination.descriptor, &out, want, 0);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r < 0) {
+            // Not offered between these files: copy the rest by hand.
+            fallBack = errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP;
+            break;
         }
-        if (!seek_set(in) || !destination.seek_set(out))
-            return total;
-        if (!fallBack || failed)
-            return total;
+        if (r == 0)
+            break; // end of the source
+        total += static_cast<uint64_t>(r);
     }
+    if (!seek_set(in) || !destination.seek_set(out) || !fallBack)
+        return total;
+    return total + bufferCopy(destination, count - total);
+}
+
+uint64_t FileIO::bufferCopy(FileIO& destination, uint64_t count)
+{
     constexpr uint64_t kBlock = 1 << 20;
-    std::vector<char> buffer(static_cast<size_t>(std::min(count - total, kBlock)));
-    uint64_t left = count - total;
-    while (left > 0 && !cancelRequested()) {
-        uint64_t want = std::min(left, kBlock);
+    uint64_t total = 0;
+    std::vector<char> buffer(static_cast<size_t>(std::min(count, kBlock)));
+    while (total < count && !cancelRequested()) {
+        uint64_t want = std::min(count - total, kBlock);
         uint64_t got = read(buffer.data(), want);
         if (got == 0 || got == UINT64_MAX || got > want)
             break; // end of file or read error: the caller sees the short total
@@ -163,14 +238,27 @@ uint64_t FileIO::copyTo(FileIO& destination, uint64_t count)
             break;
         }
         total += put;
-        left -= got;
     }
     return total;
 }
 
 bool FileIO::rename(const std::wstring& from, const std::wstring& to)
 {
-    return ::rename(toNative(from).c_str(), toNative(to).c_str()) == 0;
+    const std::string source = toNative(from), target = toNative(to);
+    // ext4 writes a file renamed over another to the disk before the rename
+    // takes effect, so that a crash cannot leave an empty file where the old
+    // one was. An empty file (the name a run reserved for its output) has
+    // nothing to lose, and that write would make every conversion wait for
+    // its whole movie: the two names are exchanged instead, and the empty
+    // file removed under its new name. Where the exchange is not offered,
+    // an ordinary rename.
+    struct stat st;
+    if (::lstat(target.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size == 0 &&
+        ::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), RENAME_EXCHANGE) == 0) {
+        ::unlink(source.c_str());
+        return true;
+    }
+    return ::rename(source.c_str(), target.c_str()) == 0;
 }
 
 namespace {

@@ -25,9 +25,13 @@ public:
     bool seek_set(int64_t offset);
     bool seek_cur(int64_t offset);
     // Copies count bytes from this file's position to the destination's
-    // position; returns the number of bytes written.
+    // position; returns the number of bytes written. The whole file-system
+    // blocks of the range are handed to the kernel together, which shares
+    // them between the files where the file system can (a clone) and copies
+    // them without a trip through user space elsewhere.
     uint64_t copyTo(FileIO& destination, uint64_t count);
 
+    // Gives the file at `from` the name `to`, in place of any file there.
     static bool rename(const std::wstring& from, const std::wstring& to);
     static bool unlink(const std::wstring& path);
     // Both paths name one file (links and other spellings included), or the
@@ -46,6 +50,11 @@ protected:
     // A non-owning view of another file (see MP4::BinFile).
     FileIO(const FileIO& other, bool /*view*/)
         : descriptor(other.descriptor), path(other.path), mode(other.mode), position(other.position) {}
+
+private:
+    // The kernel's copy, falling back to bufferCopy where it is not offered.
+    uint64_t kernelCopy(FileIO& destination, uint64_t count);
+    uint64_t bufferCopy(FileIO& destination, uint64_t count);
 };
 
 } // namespace GLTK

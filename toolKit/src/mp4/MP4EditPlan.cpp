@@ -13,7 +13,9 @@ namespace MP4 {
 
 namespace {
 
-// The file-system block size the media data's offset is kept aligned to.
+// The file-system block the media data keeps its offset within: 4 KiB, the
+// block of XFS, btrfs and ext4 as made by default, and a multiple of any
+// smaller block, so that the media's whole blocks can be cloned.
 constexpr uint64_t kBlock = 4096;
 
 const BOX* topLevelOf(const BOX& box)
@@ -225,6 +227,16 @@ void EditPlan::layOut()
     auto put = [&](const Piece& p) {
         if (p.size() == 0)
             return;
+        // A range that goes on where the last one ended is the same copy:
+        // the block two boxes share is then copied (or shared) whole.
+        if (!p.bytes && !placed.empty()) {
+            Piece& last = placed.back().piece;
+            if (!last.bytes && last.file == p.file && last.start + last.length == p.start) {
+                last.length += p.length;
+                out += p.length;
+                return;
+            }
+        }
         placed.push_back({p, out});
         out += p.size();
     };
