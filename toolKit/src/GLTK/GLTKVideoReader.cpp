@@ -248,6 +248,22 @@ struct GLTKVideoReader::Track {
         av_seek_frame(fmt, stream->index, ts, AVSEEK_FLAG_BACKWARD);
     }
 
+    // The next packet of the track into pkt: 1, 0 at the end of the file,
+    // < 0 for an error.
+    int readPacket()
+    {
+        for (;;) {
+            const int ret = av_read_frame(fmt, pkt);
+            if (ret == AVERROR_EOF)
+                return 0;
+            if (ret < 0)
+                return ret;
+            if (pkt->stream_index == stream->index)
+                return 1;
+            av_packet_unref(pkt);
+        }
+    }
+
     // 1: a frame stands in frame; 0: the end of the track; < 0: an error.
     int decodeNext()
     {
@@ -261,18 +277,14 @@ struct GLTKVideoReader::Track {
                 return ret;
             if (demuxEnded)
                 return 0;
-            ret = av_read_frame(fmt, pkt);
-            if (ret == AVERROR_EOF) {
+            ret = readPacket();
+            if (ret == 0) {
                 demuxEnded = true;
                 avcodec_send_packet(dec, nullptr); // drain the decoder
                 continue;
             }
             if (ret < 0)
                 return ret;
-            if (pkt->stream_index != stream->index) {
-                av_packet_unref(pkt);
-                continue;
-            }
             ret = avcodec_send_packet(dec, pkt);
             av_packet_unref(pkt);
             if (ret < 0 && ret != AVERROR(EAGAIN))
@@ -288,15 +300,9 @@ struct GLTKVideoReader::Track {
     int decodeFirst()
     {
         for (;;) {
-            int ret = av_read_frame(fmt, pkt);
-            if (ret == AVERROR_EOF)
-                return 0;
-            if (ret < 0)
+            int ret = readPacket();
+            if (ret <= 0)
                 return ret;
-            if (pkt->stream_index != stream->index) {
-                av_packet_unref(pkt);
-                continue;
-            }
             ret = avcodec_send_packet(dec, pkt);
             av_packet_unref(pkt);
             if (ret < 0 && ret != AVERROR(EAGAIN) && ret != AVERROR_INVALIDDATA)
