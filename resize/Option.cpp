@@ -3,11 +3,9 @@
 #include "GLTKConsole.h"
 #include "GLTKwchar.h"
 #include "OptionTable.h"
-#include "Utility.h"
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cwchar>
 
 const char* const Resize_image = "Resize.osx";

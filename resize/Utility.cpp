@@ -1,16 +1,11 @@
 #include "Utility.h"
 
 #include "GLTKConsole.h"
-#include "GLTKFileIO.h"
 #include "GLTKwchar.h"
-#include "MP4Container.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <cwchar>
