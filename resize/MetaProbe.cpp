@@ -2,7 +2,7 @@
 
 #include "ElementText.h"
 #include "GLTKConsole.h"
-#include "GLTKVideoReader.h"
+#include "GLTKMediaModule.h"
 #include "GLTKwchar.h"
 #include "SourceMetadata.h"
 
@@ -31,7 +31,12 @@ bool MetaProbe::probe(const SourceMovie& source)
         GLTK::Console::out(L"H.265/HEVC detected(%ls).\n", GLTK::wchar::mbs2wcs(source.codecEntry).c_str());
     else
         GLTK::Console::out(L"Unknown codec.\n");
-    detect_movie(source.path());
+    width = source.width;
+    height = source.height;
+    frameRate = source.frameRate;
+    // Only a sample entry without a size leaves the decoder to tell it.
+    if (width < 1)
+        detect_movie(source.path());
     duration = source.duration;
     videoBitRate = source.videoBitRate;
     audioBitRate = source.audioBitRate;
@@ -51,7 +56,8 @@ void MetaProbe::detect_movie(const std::wstring& path)
     GLTK::Size size;
     GLTK::MediaTime length;
     float rate = 0;
-    if (GLTKVideoReader::describeSource(GLTK::wchar::narrow(path), size, length, rate, nullptr)) {
+    const GLTK::MediaFunctions* media = GLTK::MediaModule::functions();
+    if (media != nullptr && media->describeSource(GLTK::wchar::narrow(path), size, length, rate, nullptr)) {
         width = size.width;
         height = size.height;
         frameRate = rate;

@@ -19,7 +19,8 @@ public:
 
     // The model and maker note as the rebuild reads them.
     void readMetadata(const SourceMetadata& found);
-    // The frame size and rate, from the video stream's parameters.
+    // The frame size and rate from the decoder, for a sample entry that
+    // gives no size.
     void detect_movie(const std::wstring& path);
 
     // The output bit rate when none is asked for, from the output width (or

@@ -17,7 +17,7 @@ fail() {
 (cd "$build" && cpack -G DEB -B "$tmp/pkg") >"$tmp/cpack.log" 2>&1 || { cat "$tmp/cpack.log"; exit 1; }
 deb=$(ls "$tmp"/pkg/*.deb)
 dpkg-deb -x "$deb" "$tmp/root" || exit 1
-for f in usr/bin/Resize usr/bin/Inspect usr/bin/resize-batch usr/libexec/resize/Resize \
+for f in usr/bin/Resize usr/bin/Inspect usr/bin/resize-batch usr/libexec/resize/Resize usr/libexec/resize/resize-media.so \
     usr/share/man/man1/Resize.1 usr/share/man/man1/resize-batch.1 usr/share/man/man1/Inspect.1; do
     [ -e "$tmp/root/$f" ] || fail "the package lacks $f"
 done

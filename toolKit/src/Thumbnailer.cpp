@@ -1,8 +1,7 @@
 #include "Thumbnailer.h"
 
 #include "GLTKConsole.h"
-#include "GLTKMedia.h"
-#include "GLTKVideoReader.h"
+#include "GLTKMediaModule.h"
 #include "GLTKwchar.h"
 
 #include <cstdio>
@@ -12,21 +11,22 @@
 namespace {
 
 // The movie's first frame as BGRA, scaled down to fit maximum (0 x 0: full
-// size); null when the movie cannot be opened or decoded.
-std::unique_ptr<GLTK::VideoFrame> buildFrame(const std::wstring& path, GLTK::Size maximum)
+// size); false when the movie cannot be opened or decoded.
+bool buildFrame(const std::wstring& path, GLTK::Size maximum, GLTK::Picture& picture)
 {
-    return GLTKVideoReader::copyFirstFrame(GLTK::wchar::narrow(path), maximum, GLTK::kPixelFormat_BGRA);
+    const GLTK::MediaFunctions* media = GLTK::MediaModule::functions();
+    return media != nullptr && media->firstFrame(GLTK::wchar::narrow(path), maximum, picture);
 }
 
 // JPEG of the frame at quality 1..100 (4:2:0) into out.
-bool encode(const GLTK::VideoFrame& frame, int quality, ByteArray& out)
+bool encode(const GLTK::Picture& frame, int quality, ByteArray& out)
 {
     tjhandle tj = tjInitCompress();
     if (tj == nullptr)
         return false;
     unsigned char* jpeg = nullptr;
     unsigned long size = 0;
-    int ret = tjCompress2(tj, frame.plane(0), frame.width(), frame.bytesPerRow(0), frame.height(), TJPF_BGRA, &jpeg,
+    int ret = tjCompress2(tj, frame.pixels.data(), frame.width, frame.bytesPerRow, frame.height, TJPF_BGRA, &jpeg,
                           &size, TJSAMP_420, quality, 0);
     bool ok = ret == 0 && jpeg != nullptr && size > 0;
     if (ok)
@@ -40,11 +40,11 @@ bool encode(const GLTK::VideoFrame& frame, int quality, ByteArray& out)
 
 bool Thumbnailer::saveFrame(const std::wstring& jpegPath)
 {
-    std::unique_ptr<GLTK::VideoFrame> frame = buildFrame(path, GLTK::Size());
-    if (!frame)
+    GLTK::Picture frame;
+    if (!buildFrame(path, GLTK::Size(), frame))
         return false;
     ByteArray jpeg;
-    if (!encode(*frame, kFileQuality, jpeg))
+    if (!encode(frame, kFileQuality, jpeg))
         return false;
     FILE* f = std::fopen(GLTK::wchar::narrow(jpegPath).c_str(), "wb");
     if (f == nullptr)
@@ -59,13 +59,13 @@ bool Thumbnailer::saveFrame(ByteArray& out, int width, size_t targetSize)
     static const char* name = "bool Thumbnailer::saveFrame(ByteArray &, int, size_t)";
     static const wchar_t* wname = L"bool Thumbnailer::saveFrame(ByteArray &, int, size_t)";
     GLTK::Size maximum = width > 0 ? GLTK::Size{width, width / 2} : GLTK::Size();
-    std::unique_ptr<GLTK::VideoFrame> frame = buildFrame(path, maximum);
-    if (!frame)
+    GLTK::Picture frame;
+    if (!buildFrame(path, maximum, frame))
         return false;
     // Qualities 0.80, 0.75, ..., 0.15 in whole percent, so that rounding can
     // never add or drop an attempt: fourteen encodings at most.
     for (int percent = 80; percent > 10; percent -= 5) {
-        if (!encode(*frame, percent, out))
+        if (!encode(frame, percent, out))
             return false;
         size_t size = removeAPPX(out);
         if (size <= targetSize) {

@@ -1,12 +1,6 @@
 #include "GLTKMedia.h"
 
-#include "GLTKConsole.h"
-
-#include <cmath>
-#include <cstdarg>
-#include <cstdio>
 #include <mutex>
-#include <unistd.h>
 
 extern "C" {
 #include <libavutil/error.h>
@@ -16,47 +10,6 @@ extern "C" {
 }
 
 namespace GLTK {
-
-MediaTime MediaTime::fromSeconds(double seconds, int32_t timescale)
-{
-    if (timescale <= 0 || !std::isfinite(seconds))
-        return MediaTime::invalid();
-    double v = std::round(seconds * double(timescale));
-    if (v > 9.2e18)
-        v = 9.2e18;
-    if (v < -9.2e18)
-        v = -9.2e18;
-    return MediaTime(static_cast<int64_t>(v), timescale);
-}
-
-MediaTime MediaTime::convertScale(int32_t newTimescale) const
-{
-    if (!isValid() || newTimescale <= 0)
-        return MediaTime::invalid();
-    if (newTimescale == timescale)
-        return *this;
-    __int128 n = static_cast<__int128>(value) * newTimescale;
-    __int128 half = timescale / 2;
-    __int128 q = (n >= 0 ? n + half : n - half) / timescale;
-    return MediaTime(static_cast<int64_t>(q), newTimescale);
-}
-
-int MediaTime::compare(const MediaTime& other) const
-{
-    __int128 a = static_cast<__int128>(value) * (other.timescale > 0 ? other.timescale : 1);
-    __int128 b = static_cast<__int128>(other.value) * (timescale > 0 ? timescale : 1);
-    return a < b ? -1 : (a > b ? 1 : 0);
-}
-
-MediaTime MediaTimeRange::end() const
-{
-    if (!start.isValid() || !duration.isValid())
-        return MediaTime::invalid();
-    int32_t ts = start.timescale >= duration.timescale ? start.timescale : duration.timescale;
-    MediaTime a = start.convertScale(ts);
-    MediaTime b = duration.convertScale(ts);
-    return MediaTime(a.value + b.value, ts);
-}
 
 VideoFrame::VideoFrame(AVFrame* f) : frame(f) {}
 
@@ -125,27 +78,6 @@ std::string avErrorText(int errnum)
     char buf[AV_ERROR_MAX_STRING_SIZE] = {0};
     av_strerror(errnum, buf, sizeof buf);
     return buf;
-}
-
-void platformLog(const char* format, ...)
-{
-    // One write per line, so that lines from the encoder threads never mix.
-    char line[2048];
-    va_list args;
-    va_start(args, format);
-    int n = vsnprintf(line, sizeof line - 1, format, args);
-    va_end(args);
-    if (n < 0)
-        return;
-    size_t len = static_cast<size_t>(n) < sizeof line - 1 ? static_cast<size_t>(n) : sizeof line - 2;
-    line[len++] = '\n';
-    // On the same terminal, the message starts on a line of its own below a
-    // status line.
-    static const bool sameTerminal = isatty(STDERR_FILENO) == 1;
-    if (sameTerminal)
-        Console::endStatus();
-    fwrite(line, 1, len, stderr);
-    fflush(stderr);
 }
 
 void quietFFmpegLog()

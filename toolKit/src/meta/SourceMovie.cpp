@@ -2,6 +2,8 @@
 
 #include "CameraModel.h"
 #include "GLTKwchar.h"
+#include "MP4Headers.h"
+#include "MP4SampleTables.h"
 
 #include <cerrno>
 #include <cstring>
@@ -75,4 +77,18 @@ void SourceMovie::readStreams()
             ++extraTracks;
         return true;
     });
+    // The picture size and frame rate, as the video track's sample entry
+    // and tables give them: nothing needs decoding to know them.
+    if (MP4::TRAK* v = container.videoTrack) {
+        if (const auto* stsd = v->first<MP4::STSD>("mdia.minf.stbl.stsd"))
+            for (const MP4::BOX* e : stsd->children)
+                if (const auto* entry = dynamic_cast<const MP4::VisualSampleEntry*>(e); entry && width == 0) {
+                    width = entry->width;
+                    height = entry->height;
+                }
+        const auto* mdhd = v->first<MP4::MDHD>("mdia.mdhd");
+        const auto* stsz = v->first<MP4::STSZ>("mdia.minf.stbl.stsz");
+        if (mdhd != nullptr && stsz != nullptr && mdhd->duration > 0 && mdhd->timeScale > 0)
+            frameRate = static_cast<float>(double(stsz->sampleCount) * mdhd->timeScale / double(mdhd->duration));
+    }
 }

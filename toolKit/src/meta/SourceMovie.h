@@ -31,6 +31,10 @@ public:
     std::string codecEntry;
     float duration = 0;
     float videoBitRate = 0, audioBitRate = 0;
+    // The video's picture size (its sample entry's; 0 when it gives none)
+    // and average frame rate (samples over the track's length).
+    int width = 0, height = 0;
+    float frameRate = 0;
     // Tracks beyond the first video and the first other track.
     int extraTracks = 0;
 
