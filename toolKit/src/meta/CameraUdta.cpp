@@ -75,16 +75,24 @@ void CameraUdta::redrawThumbnail(const MP4::BOX& box, unsigned file, const std::
                                  MP4::EditPlan& plan) const
 {
     const uint64_t n = box.payloadSize();
-    // The new JPEG, padded to the box's size; a box too large to be a
-    // thumbnail is neither read nor redrawn.
-    ByteArray jpeg;
-    if (n <= kMaxThumbnail && Thumbnailer(mediaPath).saveFrame(jpeg, 640, static_cast<size_t>(n)) && jpeg.length <= n) {
-        jpeg.resize(n); // zero-filled behind the JPEG
-        plan.patch(file, box.payloadStart(), std::move(jpeg));
+    // Readers skip a box they do not know; a stale thumbnail would lie. A
+    // box too large to be a thumbnail is neither read nor redrawn.
+    if (n > kMaxThumbnail) {
+        plan.patch(file, box.start + 4, ByteArray("free", 4));
         return;
     }
-    // Readers skip a box they do not know; a stale thumbnail would lie.
-    plan.patch(file, box.start + 4, ByteArray("free", 4));
+    // The box from its type on: the new JPEG padded with zeros, or a free box
+    // of zeros when none fits. Decoding a 4K frame takes as long as copying
+    // a hundred megabytes, so it is done beside the copy of the media.
+    plan.patchLater(file, box.start + 4, 4 + n, [path = mediaPath, n] {
+        ByteArray jpeg;
+        const bool drawn = Thumbnailer(path).saveFrame(jpeg, 640, static_cast<size_t>(n)) && jpeg.length <= n;
+        ByteArray bytes(drawn ? "QTHU" : "free", 4);
+        if (drawn)
+            bytes.append(jpeg);
+        bytes.resize(4 + n); // zero-filled behind the JPEG
+        return bytes;
+    });
 }
 
 void CameraUdta::trimSensorBox(const MP4::Container& camera, const MP4::BOX& box, unsigned recordSize,

@@ -210,6 +210,11 @@ void EditPlan::patch(unsigned file, uint64_t at, ByteArray bytes)
     patches.push_back({{file, at}, std::move(bytes)});
 }
 
+void EditPlan::patchLater(unsigned file, uint64_t at, uint64_t length, std::function<ByteArray()> make)
+{
+    latePatches.push_back({{file, at}, length, std::async(std::launch::async, std::move(make))});
+}
+
 bool EditPlan::keeps(const BOX& box) const
 {
     for (const BOX* g : gone)

@@ -18,6 +18,7 @@
 #include "MP4Box.h"
 
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <set>
@@ -97,6 +98,12 @@ public:
     void append(Pieces what);
     // Bytes of an input rewritten, wherever they land (same length).
     void patch(unsigned file, uint64_t at, ByteArray bytes);
+    // The same for bytes that take long to make (the maker thumbnail):
+    // `make` starts on a thread of its own at once, and its bytes (exactly
+    // `length` of them) are laid over the output once the rest is written,
+    // so that they are made while the media is copied. Bytes of a length
+    // other than `length`, or bytes no longer in the output, are left out.
+    void patchLater(unsigned file, uint64_t at, uint64_t length, std::function<ByteArray()> make);
     // Offsets held at an input place, converted wherever they land; they take
     // the place of whatever was registered there.
     void registerOffsets(unsigned file, const Offsets& o);
@@ -161,6 +168,7 @@ private:
     bool chooseInPlace(const std::wstring& outputPath, const Overlays& overlays);
     bool writePieces(GLTK::FileIO& dst, const Overlays& overlays);
     bool copyRange(GLTK::FileIO& dst, const Placed& p, const std::map<uint64_t, ByteArray>& layer, int& error);
+    bool writeLatePatches(GLTK::FileIO& dst);
     // The written movie read back; false, after a line naming the first
     // problem, when it is not whole.
     static bool isWhole(const std::wstring& path);
@@ -173,6 +181,12 @@ private:
     std::vector<const BOX*> gone;      // replaced or removed boxes
     std::map<const BOX*, int64_t> deltas;
     std::vector<std::pair<Position, ByteArray>> patches;
+    struct LatePatch {
+        Position at;
+        uint64_t length = 0;
+        std::future<ByteArray> bytes;
+    };
+    std::vector<LatePatch> latePatches;
     std::vector<Placed> placed;
     // Where each placed input range starts, in and out, by input.
     struct Span {

@@ -307,6 +307,32 @@ bool EditPlan::writePieces(GLTK::FileIO& dst, const Overlays& overlays)
         GLTK::Console::out(L"MP4: writing %ls failed: %ls\n", dst.path.c_str(), systemMessage(errno).c_str());
         return false;
     }
+    return writeLatePatches(dst);
+}
+
+bool EditPlan::writeLatePatches(GLTK::FileIO& dst)
+{
+    for (LatePatch& late : latePatches) {
+        const ByteArray bytes = late.bytes.get();
+        if (bytes.length != late.length || late.length == 0)
+            continue;
+        // The piece that carries the patched bytes whole, if one does.
+        const auto carries = [&](const Placed& p) {
+            return !p.piece.bytes && p.piece.file == late.at.file && p.piece.start <= late.at.offset &&
+                   late.at.offset - p.piece.start + late.length <= p.piece.length;
+        };
+        const auto p = std::find_if(placed.begin(), placed.end(), carries);
+        if (p == placed.end())
+            continue;
+        const uint64_t out = p->out + (late.at.offset - p->piece.start);
+        if (!dst.seek_set(static_cast<int64_t>(out)) || dst.write(bytes.data, bytes.length) != bytes.length) {
+            GLTK::Console::out(L"MP4: writing %ls failed: %ls\n", dst.path.c_str(),
+                               systemMessage(errno != 0 ? errno : EIO).c_str());
+            return false;
+        }
+        bytesWritten += bytes.length;
+    }
+    latePatches.clear();
     return true;
 }
 
@@ -320,6 +346,11 @@ bool EditPlan::write(const std::wstring& outputPath)
     if (!layOverlays(overlays))
         return false;
     wroteInPlace = chooseInPlace(outputPath, overlays);
+    // In place there is no copy to make them beside, and the movie they may
+    // be made from is the one being edited: they are waited for first.
+    if (wroteInPlace)
+        for (LatePatch& late : latePatches)
+            late.bytes.wait();
     // A copy is written under a temporary name beside the output, and takes
     // the output's name only once it has been read back whole.
     GLTK::PendingFile pending;
