@@ -4,6 +4,7 @@
 #include "Tools.h"
 
 #include <algorithm>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <regex>
 
@@ -159,6 +160,32 @@ void expectAvcFlags(const fs::path& output)
     EXPECT_TRUE(std::regex_search(trace, std::regex(R"(video_full_range_flag +1 = 1)"))) << trace;
 }
 
+// The output's first frame holds the levels of the source's frame at the
+// cut, reduced by ffmpeg to the output's size in full range: the 10th and
+// 90th percentiles of each plane within 2 of ffmpeg's. A frame flagged full
+// range that holds video-range values is 10 or more off.
+void expectFullRangeLevels(const fs::path& output, const fs::path& source, int start)
+{
+    auto averages = [](const std::string& input, const std::string& scale) {
+        std::string log;
+        run("ffmpeg -nostdin -hide_banner " + input + " -vf " + scale +
+                "signalstats,metadata=print:file=- -frames:v 1 -f null - 2>/dev/null",
+            &log);
+        std::vector<double> v;
+        for (const char* key : {"YLOW=", "YHIGH=", "ULOW=", "UHIGH=", "VLOW=", "VHIGH="}) {
+            const size_t at = log.find(std::string("signalstats.") + key);
+            v.push_back(at == std::string::npos ? -1000 : std::stod(log.substr(at + 12 + std::strlen(key))));
+        }
+        return v;
+    };
+    const std::string size = probe(output, "v:0", "stream=width") + ":" + probe(output, "v:0", "stream=height");
+    const std::vector<double> got = averages("-i " + q(output), "");
+    const std::vector<double> want = averages("-ss " + std::to_string(start) + " -i " + q(source),
+                                              "scale=" + size + ":out_range=pc,");
+    for (size_t i = 0; i < want.size(); ++i)
+        EXPECT_NEAR(got[i], want[i], 2.0) << "percentile " << i % 2 << " of plane " << i / 2;
+}
+
 TEST(ReencodeNewerCamera, HevcCutHasItsSizeKeyFramesAudioAndTrimmedCameraData)
 {
     // A width is taken to the nearest multiple of 4.
@@ -173,6 +200,7 @@ TEST(ReencodeNewerCamera, HevcCutHasItsSizeKeyFramesAudioAndTrimmedCameraData)
     EXPECT_NEAR(std::stod(probe(r.output, "a:0", "stream=duration")), 2.0, 0.01); // cut with the video, to the sample
     EXPECT_NEAR(std::stod(probe(r.output, "a:0", "stream=bit_rate")), 64000, 64000 * 0.15);
     expectProgress(r.out, 60, 1.0, 3.0, "4.00");
+    expectFullRangeLevels(r.output, r.source, 1);
 
     // Sensor records from 1 s x 30 on, one per frame written as far as
     // there are records (to 80); the spatial audio from 1 s to 3 s.
@@ -201,6 +229,7 @@ TEST(ReencodeNewerCamera, H264AtLowRateKeepsBitRateResamplesAudioAndTrimsAt15Per
     EXPECT_EQ(probe(r.output, "a:0", "stream=sample_rate"), "44100");
     EXPECT_NEAR(std::stod(probe(r.output, "a:0", "stream=bit_rate")), 128000, 128000 * 0.15);
     expectAvcFlags(r.output);
+    expectFullRangeLevels(r.output, r.source, 2);
     expectProgress(r.out, 150, 2.0, 8.0, "8.00");
     // Below 29 fps the camera records 15 sensor entries a second: the cut
     // starts at 2 s x 15 and keeps the 6 s written; the spatial audio runs
