@@ -86,10 +86,10 @@ TEST(Cancel, DuringTheReEncodeAndTheMetadataCopy)
     // at work.
     TempDir dir;
     stopWhenWritten("-vw:640", copyMovie("--duration 4", dir / "src.mp4"), dir / "out.mp4", dir / "out.mp4.tmp.mp4");
-    // A metadata-only run copies the movie once, into the rebuild's file
-    // beside the run's.
+    // A metadata-only run copies the movie once, into the output's
+    // temporary file.
     TempDir large;
-    stopWhenWritten("", largeMovie(large.path()), large / "out.mp4", large / "out.mp4.1.tmp.mp4");
+    stopWhenWritten("", largeMovie(large.path()), large / "out.mp4", large / "out.mp4.tmp.mp4");
 }
 
 } // namespace

@@ -244,21 +244,7 @@ uint64_t FileIO::bufferCopy(FileIO& destination, uint64_t count)
 
 bool FileIO::rename(const std::wstring& from, const std::wstring& to)
 {
-    const std::string source = toNative(from), target = toNative(to);
-    // ext4 writes a file renamed over another to the disk before the rename
-    // takes effect, so that a crash cannot leave an empty file where the old
-    // one was. An empty file (the name a run reserved for its output) has
-    // nothing to lose, and that write would make every conversion wait for
-    // its whole movie: the two names are exchanged instead, and the empty
-    // file removed under its new name. Where the exchange is not offered,
-    // an ordinary rename.
-    struct stat st;
-    if (::lstat(target.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size == 0 &&
-        ::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), RENAME_EXCHANGE) == 0) {
-        ::unlink(source.c_str());
-        return true;
-    }
-    return ::rename(source.c_str(), target.c_str()) == 0;
+    return ::rename(toNative(from).c_str(), toNative(to).c_str()) == 0;
 }
 
 namespace {

@@ -120,7 +120,7 @@ bool MetaBuilder::rebuild(const std::wstring& path, const std::wstring* outPath,
     if (!built)
         return false;
     progress(5);
-    if (!plan.write(inPlace ? path : *outPath))
+    if (!plan.write(inPlace ? path : *outPath, !inPlace))
         return false;
     progress(10);
     return true;

@@ -23,7 +23,8 @@ public:
     bool readMeta(const SourceMovie& source, bool reEncoded, const VideoStabilizationMode& mode);
     // With outPath null the movie at path (a fresh encode) is edited, its
     // avcC flags included; otherwise the source (at path) is written,
-    // rebuilt, to *outPath.
+    // rebuilt, into *outPath: an empty file the run reserved for it (its
+    // output's temporary file), which the run removes if it is not kept.
     bool updateMeta(const std::wstring& path, const std::wstring* outPath, bool fullRange);
     bool updateMetaWithoutAddingFullRange(const std::wstring& path, const std::wstring* outPath);
 

@@ -122,8 +122,10 @@ public:
     // cancelled write, or an output that is not whole, leaves no temporary
     // file and outputPath as it was (a movie edited in place is then
     // damaged: only the run's own fresh encode is). Prints one line on
-    // failure.
-    bool write(const std::wstring& outputPath);
+    // failure. A `reserved` outputPath is an empty file the caller made for
+    // this output and removes should it not be kept (the temporary file of
+    // its GLTK::PendingFile): the plan writes straight into it.
+    bool write(const std::wstring& outputPath, bool reserved = false);
 
     // Where a byte of an input lands in the output (valid after write).
     uint64_t map(unsigned file, uint64_t offset) const;

@@ -338,7 +338,7 @@ bool EditPlan::writeLatePatches(GLTK::FileIO& dst)
 
 // ---------------------------------------------------------------- write
 
-bool EditPlan::write(const std::wstring& outputPath)
+bool EditPlan::write(const std::wstring& outputPath, bool reserved)
 {
     bytesWritten = 0;
     layOut();
@@ -352,11 +352,12 @@ bool EditPlan::write(const std::wstring& outputPath)
         for (LatePatch& late : latePatches)
             late.bytes.wait();
     // A copy is written under a temporary name beside the output, and takes
-    // the output's name only once it has been read back whole.
+    // the output's name only once it has been read back whole; a reserved
+    // output is such a name already.
     GLTK::PendingFile pending;
-    if (!wroteInPlace && !pending.create(outputPath, kTemporarySuffix))
+    if (!wroteInPlace && !reserved && !pending.create(outputPath, kTemporarySuffix))
         return false;
-    const std::wstring target = wroteInPlace ? pathOf(0) : pending.temporaryPath();
+    const std::wstring target = wroteInPlace ? pathOf(0) : reserved ? outputPath : pending.temporaryPath();
     {
         errno = 0;
         GLTK::FileIO dst(target, wroteInPlace ? 'a' : 'w');
@@ -369,7 +370,7 @@ bool EditPlan::write(const std::wstring& outputPath)
     }
     if (GLTK::cancelRequested() || !isWhole(target))
         return false;
-    return wroteInPlace || pending.commit();
+    return wroteInPlace || reserved || pending.commit();
 }
 
 bool EditPlan::isWhole(const std::wstring& path)
