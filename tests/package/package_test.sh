@@ -1,8 +1,9 @@
 #!/bin/bash
 # The Debian package of the build (what make deb makes), unpacked into a
 # temporary root: it holds the three commands, the converter behind Resize
-# and the man pages, depends on the libraries the commands link, and the
-# commands work from there.
+# with its media module, and the man pages, depends on the libraries the
+# commands link, and the commands work from there (and without the module,
+# as far as they need none).
 #   package_test.sh BUILD_DIR SOURCE_DIR
 set -u
 build=$1 src=$2
@@ -35,4 +36,15 @@ grep -q -- "-vw:W" "$tmp/said" || fail "Resize --help lists no -vw:"
 "$bin/resize-batch" --help >"$tmp/said" 2>&1 || fail "resize-batch --help from the package"
 grep -q -- "-vw:" "$tmp/said" || fail "resize-batch --help does not list the options of the unpacked Resize"
 grep -q "thumb.*:FILE.jpg" "$tmp/root/usr/share/man/man1/Resize.1" || fail "the man page of Resize lacks -thumb:"
+
+# Without its media module Resize still converts what needs no decoding (an
+# older camera's movie, metadata only: FFmpeg is never loaded for it) and
+# refuses a re-encode with the loader's reason, leaving no file behind.
+python3 "$src/tests/fixtures/make_movie.py" --model older --duration 0.5 --size 256x128 --out "$tmp/o.mp4" >/dev/null || exit 1
+rm "$tmp/root/usr/libexec/resize/resize-media.so"
+"$bin/Resize" "$tmp/o.mp4" "$tmp/plain.mp4" >"$tmp/said" 2>&1 || { cat "$tmp/said"; fail "a metadata-only run needed the media module"; }
+grep -q "resize-media.so" "$tmp/said" && fail "a metadata-only run tried to load the media module"
+if "$bin/Resize" -vw:128 "$tmp/o.mp4" "$tmp/none.mp4" >"$tmp/said" 2>&1; then fail "a re-encode without the media module succeeded"; fi
+grep -q "resize-media.so" "$tmp/said" || { cat "$tmp/said"; fail "a re-encode without the media module does not name it"; }
+ls "$tmp" | grep -q "none" && fail "a failed re-encode left a file: $(ls "$tmp")"
 exit $((failures > 0))
