@@ -101,8 +101,9 @@ public:
     // The same for bytes that take long to make (the maker thumbnail):
     // `make` starts on a thread of its own at once, and its bytes (exactly
     // `length` of them) are laid over the output once the rest is written,
-    // so that they are made while the media is copied. Bytes of a length
-    // other than `length`, or bytes no longer in the output, are left out.
+    // so that they are made while the media is copied (an output that is
+    // input 0 waits for them first). Bytes of a length other than `length`
+    // are left out.
     void patchLater(unsigned file, uint64_t at, uint64_t length, std::function<ByteArray()> make);
     // Offsets held at an input place, converted wherever they land; they take
     // the place of whatever was registered there.

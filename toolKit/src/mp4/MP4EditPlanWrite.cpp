@@ -341,16 +341,20 @@ bool EditPlan::writeLatePatches(GLTK::FileIO& dst)
 bool EditPlan::write(const std::wstring& outputPath, bool reserved)
 {
     bytesWritten = 0;
+    // Where the output is the movie being edited, late bytes may be made
+    // from it, and there may be no copy to make them beside: they are
+    // waited for now and laid like any other patch.
+    if (GLTK::FileIO::sameFile(outputPath, pathOf(0))) {
+        for (LatePatch& late : latePatches)
+            if (ByteArray bytes = late.bytes.get(); bytes.length == late.length && late.length > 0)
+                patches.push_back({late.at, std::move(bytes)});
+        latePatches.clear();
+    }
     layOut();
     Overlays overlays;
     if (!layOverlays(overlays))
         return false;
     wroteInPlace = chooseInPlace(outputPath, overlays);
-    // In place there is no copy to make them beside, and the movie they may
-    // be made from is the one being edited: they are waited for first.
-    if (wroteInPlace)
-        for (LatePatch& late : latePatches)
-            late.bytes.wait();
     // A copy is written under a temporary name beside the output, and takes
     // the output's name only once it has been read back whole; a reserved
     // output is such a name already.
