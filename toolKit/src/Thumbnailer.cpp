@@ -26,7 +26,7 @@ bool encode(const GLTK::Picture& frame, int quality, ByteArray& out)
         return false;
     unsigned char* jpeg = nullptr;
     unsigned long size = 0;
-    int ret = tjCompress2(tj, frame.pixels.data(), frame.width, frame.bytesPerRow, frame.height, TJPF_BGRA, &jpeg,
+    int ret = tjCompress2(tj, frame.pixels, frame.width, frame.bytesPerRow, frame.height, TJPF_BGRA, &jpeg,
                           &size, TJSAMP_420, quality, 0);
     bool ok = ret == 0 && jpeg != nullptr && size > 0;
     if (ok)

@@ -3,8 +3,6 @@
 #include "GLTKMediaModule.h"
 #include "GLTKVideoReader.h"
 
-#include <cstring>
-
 namespace {
 
 bool describeSource(const std::string& url, GLTK::Size& size, GLTK::MediaTime& duration, float& nominalFrameRate,
@@ -15,17 +13,15 @@ bool describeSource(const std::string& url, GLTK::Size& size, GLTK::MediaTime& d
 
 bool firstFrame(const std::string& url, GLTK::Size maximum, GLTK::Picture& picture)
 {
-    std::unique_ptr<GLTK::VideoFrame> frame = GLTKVideoReader::copyFirstFrame(url, maximum, GLTK::kPixelFormat_BGRA);
+    std::shared_ptr<const GLTK::VideoFrame> frame =
+        GLTKVideoReader::copyFirstFrame(url, maximum, GLTK::kPixelFormat_BGRA);
     if (!frame)
         return false;
     picture.width = frame->width();
     picture.height = frame->height();
-    picture.bytesPerRow = picture.width * 4;
-    picture.pixels.resize(static_cast<size_t>(picture.bytesPerRow) * static_cast<size_t>(picture.height));
-    const int stride = frame->bytesPerRow(0);
-    for (int y = 0; y < picture.height; ++y)
-        std::memcpy(picture.pixels.data() + static_cast<size_t>(y) * picture.bytesPerRow,
-                    frame->plane(0) + static_cast<ptrdiff_t>(y) * stride, static_cast<size_t>(picture.bytesPerRow));
+    picture.bytesPerRow = frame->bytesPerRow(0);
+    picture.pixels = frame->plane(0);
+    picture.keep = std::move(frame);
     return true;
 }
 

@@ -12,15 +12,17 @@
 #include "GLTKMedia.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
-#include <vector>
 
 namespace GLTK {
 
-// A decoded picture: 8-bit B, G, R, A, rows bytesPerRow apart.
+// A decoded picture: 8-bit B, G, R, A, rows bytesPerRow apart. The pixels
+// are the decoder's own, held for as long as `keep` is.
 struct Picture {
     int width = 0, height = 0, bytesPerRow = 0;
-    std::vector<uint8_t> pixels;
+    const uint8_t* pixels = nullptr;
+    std::shared_ptr<const void> keep;
 };
 
 // The toolkit's entries into the media module.
