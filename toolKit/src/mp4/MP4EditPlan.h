@@ -168,7 +168,7 @@ private:
     bool layOverlays(Overlays& overlays);
     bool resizeBoxes(Overlays& overlays);
     bool convertAllOffsets(Overlays& overlays);
-    bool chooseInPlace(const std::wstring& outputPath, const Overlays& overlays);
+    bool chooseInPlace(bool outputIsInput0, const Overlays& overlays);
     bool writePieces(GLTK::FileIO& dst, const Overlays& overlays);
     bool copyRange(GLTK::FileIO& dst, const Placed& p, const std::map<uint64_t, ByteArray>& layer, int& error);
     bool writeLatePatches(GLTK::FileIO& dst);

@@ -203,9 +203,9 @@ bool EditPlan::convertAllOffsets(Overlays& overlays)
 // its bytes that move (boxes behind a change at its end) can be held in
 // memory until they are written back; the media stays where it is. The bytes
 // that move are then read now, with their overlay, into the plan.
-bool EditPlan::chooseInPlace(const std::wstring& outputPath, const Overlays& overlays)
+bool EditPlan::chooseInPlace(bool outputIsInput0, const Overlays& overlays)
 {
-    if (!GLTK::FileIO::sameFile(outputPath, pathOf(0)))
+    if (!outputIsInput0)
         return false;
     uint64_t moved = 0;
     for (const Placed& p : placed)
@@ -344,7 +344,8 @@ bool EditPlan::write(const std::wstring& outputPath, bool reserved)
     // Where the output is the movie being edited, late bytes may be made
     // from it, and there may be no copy to make them beside: they are
     // waited for now and laid like any other patch.
-    if (GLTK::FileIO::sameFile(outputPath, pathOf(0))) {
+    const bool outputIsInput0 = GLTK::FileIO::sameFile(outputPath, pathOf(0));
+    if (outputIsInput0) {
         for (LatePatch& late : latePatches)
             if (ByteArray bytes = late.bytes.get(); bytes.length == late.length && late.length > 0)
                 patches.push_back({late.at, std::move(bytes)});
@@ -354,7 +355,7 @@ bool EditPlan::write(const std::wstring& outputPath, bool reserved)
     Overlays overlays;
     if (!layOverlays(overlays))
         return false;
-    wroteInPlace = chooseInPlace(outputPath, overlays);
+    wroteInPlace = chooseInPlace(outputIsInput0, overlays);
     // A copy is written under a temporary name beside the output, and takes
     // the output's name only once it has been read back whole; a reserved
     // output is such a name already.
